@@ -13,6 +13,7 @@ namespace p11 {
 
 class Slot;
 class Certificate;
+struct log_site;
 
 /// One open PKCS#11 session, created by Slot::openSession and always owned by a
 /// std::shared_ptr. Holds its Slot weakly; closes the session when the last owner goes.
@@ -80,7 +81,7 @@ public:
     bool flagsBelowBit31() const noexcept { return flags_below_bit31; }
 
 private:
-    std::shared_ptr<Slot> lockSlot() const;
+    std::shared_ptr<Slot> lockSlot(const log_site& site) const;
 
     CK_SESSION_HANDLE handle = 0;
     std::weak_ptr<Slot> slot;

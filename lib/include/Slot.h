@@ -11,6 +11,7 @@ namespace p11 {
 
 class Module;
 class Session;
+struct log_site;
 
 /// A provider slot that holds a token. Holds its Module weakly: once the module is gone,
 /// every operation throws process_error 10 "failed to get module".
@@ -42,7 +43,7 @@ public:
     uint32_t highFlags = 0;
 
 private:
-    std::shared_ptr<Module> lockModule() const;
+    std::shared_ptr<Module> lockModule(const log_site& site) const;
 
     std::weak_ptr<Module> module;
 };

@@ -1,0 +1,204 @@
+#include "Session.h"
+
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+#include <openssl/x509.h>
+
+#include "Certificate.h"
+#include "Slot.h"
+#include "log.h"
+
+namespace p11 {
+
+std::shared_ptr<Slot> Session::lockSlot(const log_site& site) const {
+    return lock_or_throw(slot, 11, "failed to get slot", site);
+}
+
+Session::Session(std::weak_ptr<Slot> slot, int mode) : handle(0), slot(std::move(slot)) {
+    auto s = lockSlot(P11_SITE);
+    // The mode lands in the top bits of a 32-bit word, which is then sign-extended.
+    const auto word = static_cast<int32_t>((static_cast<uint32_t>(mode) << 30) | CKF_SERIAL_SESSION);
+    const auto flags = static_cast<CK_FLAGS>(static_cast<int64_t>(word));
+    call_or_throw("C_OpenSession()", 105, "failed to open session",
+                  [&] { return (*s)->C_OpenSession(s->id, flags, nullptr, nullptr, &handle); });
+    CK_SESSION_INFO info{};
+    call_or_throw("C_GetSessionInfo()", 105, "failed to get session information",
+                  [&] { return (*s)->C_GetSessionInfo(handle, &info); });
+    flags_below_bit31 = (info.flags >> 31) == 0;
+}
+
+Session::~Session() {
+    P11_INFO("destructing and close session: " << static_cast<long>(handle));
+    try {
+        if (auto s = slot.lock()) {
+            CK_RV rv = (*s)->C_CloseSession(handle);
+            if (rv != CKR_OK) log_p11_error("C_CloseSession()", rv);
+        } else {
+            P11_ERROR("failed to get slot");
+        }
+    } catch (const process_error& e) {
+        // Code 10: the module is gone and took the session with it.
+        if (e.code() != 10) log_p11_error("error while closing session", static_cast<CK_RV>(e.code()));
+    } catch (...) {
+        P11_ERROR("unknown error while closing session");
+    }
+}
+
+std::unique_ptr<Session::LoginToken> Session::login(const char* pin, size_t pin_len) {
+    auto s = lockSlot(P11_SITE);
+    auto* text = reinterpret_cast<CK_UTF8CHAR_PTR>(const_cast<char*>(pin));
+    CK_RV rv = (*s)->C_Login(handle, CKU_USER, text, pin != nullptr ? pin_len : 0);
+    if (rv != CKR_OK) {
+        log_p11_error("C_Login()", rv);
+        switch (rv) {
+            // Whatever the provider objected to in the PIN, the user is told it was wrong.
+            case CKR_ARGUMENTS_BAD:
+            case CKR_PIN_INCORRECT:
+            case CKR_PIN_LEN_RANGE:
+                throw process_error(201, "pin incorrect");
+            case CKR_PIN_INVALID:
+                throw process_error(202, "pin invalid");
+            case CKR_PIN_EXPIRED:
+                throw process_error(203, "pin expired");
+            case CKR_PIN_LOCKED:
+                throw process_error(204, "pin locked");
+            case CKR_USER_ALREADY_LOGGED_IN:
+                P11_INFO("user already logged in");
+                break;
+            case CKR_CRYPTOKI_NOT_INITIALIZED:
+                P11_WARN(
+                    "Unexpected error: cryptoki not initialized. Likely it's conflict of using cryptoki. "
+                    "Check settings of window crypto providers.");
+                throw process_error(290, "cryptoki usage conflict");
+            default:
+                throw process_error(200, "failed to login");
+        }
+    }
+    return std::make_unique<LoginToken>(shared_from_this());
+}
+
+void Session::logout() noexcept {
+    auto s = slot.lock();
+    if (!s) {
+        // Nothing to call through; the provider drops the login with the session anyway.
+        P11_ERROR("failed to get slot");
+        return;
+    }
+    try {
+        CK_RV rv = (*s)->C_Logout(handle);
+        if (rv != CKR_OK) log_p11_error("C_Logout()", rv);
+    } catch (const process_error&) {
+        // The module is gone (already logged); a logout must never end the host.
+    }
+}
+
+Session::LoginToken::LoginToken(std::weak_ptr<Session> session) : session(std::move(session)) {}
+
+Session::LoginToken::~LoginToken() {
+    P11_DEBUG("session logging out");
+    if (auto s = session.lock())
+        s->logout();
+    else
+        P11_ERROR("failed to get session");
+}
+
+void Session::getattr_int(CK_OBJECT_HANDLE obj, CK_ATTRIBUTE_TYPE type, void* value, size_t* len) {
+    P11_DEBUG("get integer attribute of type: " << type);
+    auto s = lockSlot(P11_SITE);
+    CK_ATTRIBUTE attribute{type, value, *len};
+    call_or_throw("C_GetAttributeValue()", 107, "failed to get attribute value",
+                  [&] { return (*s)->C_GetAttributeValue(handle, obj, &attribute, 1); });
+    if (value != nullptr && attribute.ulValueLen > *len) {
+        // The provider claims to have written past the buffer it was given.
+        P11_ERROR("attribute value longer than its buffer: " << attribute.ulValueLen << " > " << *len);
+        throw process_error(107, "failed to get attribute value");
+    }
+    *len = attribute.ulValueLen;
+}
+
+void Session::getattr_var(CK_OBJECT_HANDLE obj, unsigned int type, void* value, size_t* len) {
+    getattr_int(obj, type, value, len);
+}
+
+void Session::getattr_s(CK_OBJECT_HANDLE obj, unsigned int type, void* value, size_t len) {
+    std::memset(value, 0, len);
+    size_t len2 = len;
+    getattr_int(obj, type, value, &len2);
+}
+
+void Session::getattr_bn(CK_OBJECT_HANDLE obj, unsigned int type, BIGNUM** bn) {
+    size_t len = 0;
+    getattr_var(obj, type, nullptr, &len);
+    if (len == 0) {
+        P11_ERROR("failed to get attribute value: size is 0");
+        throw process_error(107, "failed to get attribute value");
+    }
+    std::vector<unsigned char> bytes(len);
+    getattr_var(obj, type, bytes.data(), &len);
+    *bn = BN_bin2bn(bytes.data(), static_cast<int>(len), *bn);
+}
+
+std::shared_ptr<std::vector<std::shared_ptr<Certificate>>> Session::enumerateCerts() {
+    auto s = lockSlot(P11_SITE);
+    auto info = std::make_shared<CK_TOKEN_INFO>();
+    call_or_throw("C_GetTokenInfo()", 103, "failed to get token info",
+                  [&] { return (*s)->C_GetTokenInfo(s->id, info.get()); });
+
+    CK_OBJECT_CLASS certificateClass = CKO_CERTIFICATE;
+    CK_ATTRIBUTE search{CKA_CLASS, &certificateClass, sizeof certificateClass};
+    call_or_throw("C_FindObjectsInit()", 106, "failed to find token's certificate",
+                  [&] { return (*s)->C_FindObjectsInit(handle, &search, 1); });
+
+    auto result = std::make_shared<std::vector<std::shared_ptr<Certificate>>>();
+    for (;;) {
+        CK_OBJECT_HANDLE obj = 0;
+        CK_ULONG count = 0;
+        // Logged under the init call's name, as the log readers expect.
+        call_or_throw("C_FindObjectsInit()", 106, "failed to find token's certificate",
+                      [&] { return (*s)->C_FindObjects(handle, &obj, 1, &count); });
+        if (count == 0) break;
+        result->push_back(create_cert(obj, info));
+    }
+    call_or_throw("C_FindObjectsFinal()", 106, "failed to find token's certificate",
+                  [&] { return (*s)->C_FindObjectsFinal(handle); });
+    return result;
+}
+
+std::shared_ptr<Certificate> Session::create_cert(CK_OBJECT_HANDLE obj, std::shared_ptr<CK_TOKEN_INFO> info) {
+    char labelBuffer[256];
+    getattr_s(obj, CKA_LABEL, labelBuffer, sizeof labelBuffer);
+    // A label that fills the buffer has no terminator inside it.
+    std::string label(labelBuffer, strnlen(labelBuffer, sizeof labelBuffer));
+
+    size_t len = 0;
+    getattr_var(obj, CKA_VALUE, nullptr, &len);
+    if (len == 0) {
+        P11_ERROR("Got a bad certificate with label: " << bytes(label));
+        throw process_error(121, "bad x509");
+    }
+    std::vector<unsigned char> der(len);
+    getattr_var(obj, CKA_VALUE, der.data(), &len);
+    const unsigned char* p = der.data();
+    std::unique_ptr<X509, void (*)(X509*)> x509(d2i_X509(nullptr, &p, static_cast<long>(len)), X509_free);
+    if (!x509) {
+        P11_ERROR("Got a bad certificate with label: " << bytes(label));
+        throw process_error(120, "failed to parse x509");
+    }
+
+    size_t id_len = 0;
+    getattr_var(obj, CKA_ID, nullptr, &id_len);
+    if (id_len == 0) {
+        P11_ERROR("Got a bad certificate id with label: " << bytes(label));
+        throw process_error(122, "bad x509 id");
+    }
+    Certificate::id_type id(std::make_unique<unsigned char[]>(id_len), id_len);
+    getattr_var(obj, CKA_ID, id.first.get(), &id_len);
+    id.second = id_len;
+
+    std::weak_ptr<Session> self = shared_from_this();
+    return std::make_shared<Certificate>(self, label, x509, id, std::move(info));
+}
+
+}  // namespace p11
