@@ -4,11 +4,15 @@
 #include <cstring>
 #include <vector>
 
+#include <openssl/asn1.h>
+#include <openssl/rsa.h>
 #include <openssl/x509.h>
 
 #include "Certificate.h"
 #include "Slot.h"
 #include "log.h"
+#include "ossl_ptr.h"
+#include "p11_ossl.h"
 
 namespace p11 {
 
@@ -107,9 +111,14 @@ Session::LoginToken::~LoginToken() {
 void Session::getattr_int(CK_OBJECT_HANDLE obj, CK_ATTRIBUTE_TYPE type, void* value, size_t* len) {
     P11_DEBUG("get integer attribute of type: " << type);
     auto s = lockSlot(P11_SITE);
-    CK_ATTRIBUTE attribute{type, value, *len};
-    call_or_throw("C_GetAttributeValue()", 107, "failed to get attribute value",
-                  [&] { return (*s)->C_GetAttributeValue(handle, obj, &attribute, 1); });
+    const CK_ATTRIBUTE request{type, value, *len};
+    CK_ATTRIBUTE attribute = request;
+    // The repeat goes out as the first call did: a length the provider wrote back after
+    // CKR_BUFFER_TOO_SMALL must not become the buffer size of the repeat.
+    call_or_throw("C_GetAttributeValue()", 107, "failed to get attribute value", [&] {
+        attribute = request;
+        return (*s)->C_GetAttributeValue(handle, obj, &attribute, 1);
+    });
     if (value != nullptr && attribute.ulValueLen > *len) {
         // The provider claims to have written past the buffer it was given.
         P11_ERROR("attribute value longer than its buffer: " << attribute.ulValueLen << " > " << *len);
@@ -199,6 +208,136 @@ std::shared_ptr<Certificate> Session::create_cert(CK_OBJECT_HANDLE obj, std::sha
 
     std::weak_ptr<Session> self = shared_from_this();
     return std::make_shared<Certificate>(self, label, x509, id, std::move(info));
+}
+
+Session::evp_pkey_handle Session::get_private_key_by_x509(std::shared_ptr<Certificate> cert) {
+    auto s = lockSlot(P11_SITE);
+    auto& id = cert->get_id();
+    CK_OBJECT_HANDLE key = get_private_key_by_id(s, id.first.get(), id.second);
+    if (key == 0) key = get_private_key_by_x509_long_way(s, cert);
+    if (key == 0) {
+        P11_ERROR("failed to find a private key");
+        throw process_error(108, "failed to find a private key");
+    }
+    return init_private_key(s, key, std::move(cert));
+}
+
+CK_OBJECT_HANDLE Session::get_private_key_by_id(std::shared_ptr<Slot> slot, unsigned char* id, size_t id_len) {
+    CK_OBJECT_CLASS keyClass = CKO_PRIVATE_KEY;
+    CK_ATTRIBUTE search[] = {{CKA_CLASS, &keyClass, sizeof keyClass}, {CKA_ID, id, id_len}};
+    const char* failure = "failed to find private key of the certificate";
+    call_or_throw("C_FindObjectsInit()", 108, failure, [&] { return (*slot)->C_FindObjectsInit(handle, search, 2); });
+    CK_OBJECT_HANDLE obj = 0;
+    CK_ULONG count = 0;
+    call_or_throw("C_FindObjects()", 108, failure, [&] { return (*slot)->C_FindObjects(handle, &obj, 1, &count); });
+    call_or_throw("C_FindObjectsFinal()", 108, failure, [&] { return (*slot)->C_FindObjectsFinal(handle); });
+    if (count == 0) return 0;
+    P11_DEBUG("FOUND PRIVATE KEY OBJECT: " << obj);
+    return obj;
+}
+
+CK_OBJECT_HANDLE Session::get_private_key_by_x509_long_way(std::shared_ptr<Slot> slot,
+                                                           std::shared_ptr<Certificate> cert) {
+    ASN1_OBJECT* algorithm = nullptr;
+    const unsigned char* keyBits = nullptr;
+    int keyLength = 0;
+    if (X509_PUBKEY_get0_param(&algorithm, &keyBits, &keyLength, nullptr, cert->get_public_key()) == 0) {
+        P11_ERROR("failed to get params of public key");
+        throw process_error(301, "failed to get params of public key");
+    }
+    const int nid = OBJ_obj2nid(algorithm);
+    using octets_ptr = std::unique_ptr<ASN1_OCTET_STRING, ossl::Deleter<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>>;
+    // An RSA key's bits are no OCTET STRING: nothing on the token can match it this way.
+    octets_ptr octets(d2i_ASN1_OCTET_STRING(nullptr, &keyBits, keyLength));
+    if (!octets) return 0;
+    // Widened with its sign on purpose: the 512-bit vendor key type never matches here.
+    const auto wantedType = static_cast<CK_KEY_TYPE>(static_cast<int64_t>(nid_to_p11_key_type(nid)));
+
+    CK_OBJECT_CLASS keyClass = CKO_PUBLIC_KEY;
+    CK_ATTRIBUTE search{CKA_CLASS, &keyClass, sizeof keyClass};
+    const char* failure = "failed to find public key of the certificate";
+    call_or_throw("C_FindObjectsInit()", 302, failure, [&] { return (*slot)->C_FindObjectsInit(handle, &search, 1); });
+    std::vector<unsigned char> id;
+    bool matched = false;
+    while (!matched) {
+        CK_OBJECT_HANDLE obj = 0;
+        CK_ULONG count = 0;
+        call_or_throw("C_FindObjects()", 302, failure, [&] { return (*slot)->C_FindObjects(handle, &obj, 1, &count); });
+        if (count == 0) break;
+        CK_KEY_TYPE keyType = 0;
+        size_t len = sizeof keyType;
+        getattr_var(obj, CKA_KEY_TYPE, &keyType, &len);
+        if (keyType != wantedType) continue;
+        unsigned char value[128];
+        len = sizeof value;
+        getattr_var(obj, CKA_VALUE, value, &len);
+        if (len != static_cast<size_t>(octets->length) || std::memcmp(value, octets->data, len) != 0) continue;
+        matched = true;
+        size_t idLength = 0;
+        getattr_var(obj, CKA_ID, nullptr, &idLength);
+        if (idLength == 0) {
+            P11_ERROR("failed to get public key params");
+            throw process_error(301, "failed to get public key params");
+        }
+        id.resize(idLength);
+        getattr_var(obj, CKA_ID, id.data(), &idLength);
+        id.resize(idLength);
+    }
+    call_or_throw("C_FindObjectsFinal()", 108, "failed to find private key of the certificate",
+                  [&] { return (*slot)->C_FindObjectsFinal(handle); });
+    return matched ? get_private_key_by_id(slot, id.data(), id.size()) : 0;
+}
+
+Session::evp_pkey_handle Session::init_private_key(std::shared_ptr<Slot> slot, CK_OBJECT_HANDLE key,
+                                                   std::shared_ptr<Certificate> cert) {
+    P11_INFO("Initializing private key. Russian edition");
+    CK_KEY_TYPE keyType = 0;
+    size_t len = sizeof keyType;
+    getattr_var(key, CKA_KEY_TYPE, &keyType, &len);
+    P11_DEBUG("CKA KEY TYPE: " << keyType);
+    evp_pkey_handle pkey(EVP_PKEY_new(), EVP_PKEY_free);
+    X509_PUBKEY* pub = cert->get_public_key();
+
+    if (keyType == CKK_RSA) {
+        using rsa_ptr = std::unique_ptr<RSA, ossl::Deleter<RSA, RSA_free>>;
+        ossl::evp_pkey_ptr certKey(X509_PUBKEY_get(pub));
+        const RSA* certRsa = certKey ? EVP_PKEY_get0_RSA(certKey.get()) : nullptr;
+        if (certRsa == nullptr) {
+            P11_ERROR("private key type is unsupported: " << keyType);
+            throw process_error(110, "unsupported private key type");
+        }
+        const BIGNUM *n = nullptr, *e = nullptr;
+        RSA_get0_key(certRsa, &n, &e, nullptr);
+        auto record = std::make_unique<p11_rsa_key_data>();
+        record->slot = slot;
+        record->session = shared_from_this();
+        record->key = key;
+        rsa_ptr rsa(RSA_new());
+        // Method and record go on before the key is assigned: OpenSSL 3 then keeps the key on
+        // the legacy path (a foreign key), and signing reaches our callback.
+        RSA_set_method(rsa.get(), p11_get_rsa_method());
+        p11_rsa_attach(rsa.get(), std::move(record));
+        RSA_set0_key(rsa.get(), BN_dup(n), BN_dup(e), nullptr);
+        EVP_PKEY_set1_RSA(pkey.get(), rsa.get());
+        return pkey;
+    }
+    if (keyType == CKK_EC) {
+        P11_ERROR("CKK_EC private key type is unsupported");
+        throw process_error(110, "CKK_EC private key type is unsupported");
+    }
+    if (keyType != CKK_GOSTR3410 && keyType != CKK_GOSTR3410_512) {
+        P11_ERROR("private key type is unsupported: " << keyType);
+        throw process_error(110, "unsupported private key type");
+    }
+    ASN1_OBJECT* algorithm = nullptr;
+    X509_PUBKEY_get0_param(&algorithm, nullptr, nullptr, nullptr, pub);
+    // The record borrows the certificate's public key; the key type's free callback frees it.
+    auto* record = static_cast<p11_gost_key_data*>(OPENSSL_zalloc(sizeof(p11_gost_key_data)));
+    if (record != nullptr) *record = {pub, key};
+    if (record != nullptr && EVP_PKEY_assign(pkey.get(), OBJ_obj2nid(algorithm), record) == 1) return pkey;
+    OPENSSL_free(record);
+    P11_ERROR("failed to create evp_pkey with nid " << 811 << " of the public key alghorithm");
+    throw process_error(109, "failed to create evp_pkey");
 }
 
 }  // namespace p11
