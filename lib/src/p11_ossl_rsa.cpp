@@ -1,0 +1,80 @@
+#include <cstdlib>
+#include <mutex>
+#include <vector>
+
+#include <openssl/bn.h>
+#include <openssl/objects.h>
+#include <openssl/x509.h>
+
+#include "log.h"
+#include "p11_ossl.h"
+
+namespace p11 {
+
+namespace {
+
+int (*default_finish)(RSA*) = nullptr;
+
+// Frees the key record with the RSA object; the default clean-up follows.
+int p11_rsa_finish(RSA* rsa) {
+    std::unique_ptr<p11_rsa_key_data> record(static_cast<p11_rsa_key_data*>(RSA_get_ex_data(rsa, 0)));
+    RSA_set_ex_data(rsa, 0, nullptr);
+    return default_finish != nullptr ? default_finish(rsa) : 1;
+}
+
+int p11_rsa_pkey_sign(int type, const unsigned char* m, unsigned int m_len, unsigned char* sigret,
+                      unsigned int* siglen, const RSA* rsa) {
+    auto* record = static_cast<p11_rsa_key_data*>(RSA_get_ex_data(rsa, 0));
+    if (record == nullptr) {
+        P11_ERROR("P11_RSA_KEY_APP_DATA failed");
+        return 0;
+    }
+    const BIGNUM* n = nullptr;
+    RSA_get0_key(rsa, &n, nullptr, nullptr);
+    *siglen = static_cast<unsigned int>((BN_num_bits(n) + 7) / 8);
+
+    // DigestInfo built on the stack: nothing to allocate but the encoding.
+    ASN1_TYPE parameter{};
+    parameter.type = V_ASN1_NULL;
+    X509_ALGOR algorithm{};
+    algorithm.algorithm = const_cast<ASN1_OBJECT*>(OBJ_nid2obj(type));
+    algorithm.parameter = &parameter;
+    ASN1_OCTET_STRING digest{};
+    digest.type = V_ASN1_OCTET_STRING;
+    digest.length = static_cast<int>(m_len);
+    digest.data = const_cast<unsigned char*>(m);
+    if (algorithm.algorithm == nullptr || OBJ_length(algorithm.algorithm) == 0) return 0;
+    // X509_SIG is opaque in OpenSSL 3; its encoding is built from its two parts.
+    const int size = i2d_X509_ALGOR(&algorithm, nullptr) + i2d_ASN1_OCTET_STRING(&digest, nullptr);
+    const int total = ASN1_object_size(1, size, V_ASN1_SEQUENCE);
+    if (size <= 0 || total <= 0 || static_cast<unsigned>(total) + 11 > *siglen) return 0;
+    std::vector<unsigned char> der(static_cast<size_t>(total));
+    unsigned char* p = der.data();
+    ASN1_put_object(&p, 1, size, V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL);
+    i2d_X509_ALGOR(&algorithm, &p);
+    i2d_ASN1_OCTET_STRING(&digest, &p);
+
+    size_t len = *siglen;  // the token reports at full size_t width; the caller's is 32-bit
+    int ok = p11_pkey_sign(record->slot, record->session, record->key, NID_rsa, sigret, &len, der.data(), der.size());
+    if (ok) *siglen = static_cast<unsigned int>(len);
+    return ok;
+}
+
+}  // namespace
+
+RSA_METHOD* p11_get_rsa_method() {
+    static RSA_METHOD* ops = [] {
+        RSA_METHOD* m = RSA_meth_dup(RSA_get_default_method());
+        default_finish = RSA_meth_get_finish(m);
+        RSA_meth_set_sign(m, p11_rsa_pkey_sign);
+        RSA_meth_set_finish(m, p11_rsa_finish);
+        return m;
+    }();
+    return ops;
+}
+
+void p11_rsa_attach(RSA* rsa, std::unique_ptr<p11_rsa_key_data> record) {
+    RSA_set_ex_data(rsa, 0, record.release());  // owned by the RSA; freed in p11_rsa_finish
+}
+
+}  // namespace p11
