@@ -147,7 +147,7 @@ int p11_gost_pkey_meth_ctrl_common(int md_nid, EVP_PKEY_CTX*, int type, int, voi
         case EVP_PKEY_CTRL_CMS_SIGN:
             return 1;
         case EVP_PKEY_CTRL_MD:
-            return EVP_MD_type(static_cast<const EVP_MD*>(p2)) == md_nid ? 1 : 0;
+            return p2 != nullptr && EVP_MD_type(static_cast<const EVP_MD*>(p2)) == md_nid ? 1 : 0;
         default:
             return 0;
     }
