@@ -131,33 +131,36 @@ TEST_F(BridgeTest, TokenSigningPrimitive) {
     const CK_OBJECT_HANDLE key = 2;  // the private key follows the certificate
     unsigned char digest[32] = {7};
     unsigned char sig[64];
-    size_t len = 0;
+    const std::weak_ptr<p11::Session> gone;
     struct {
         const char* what;
-        std::function<int()> call;
+        bool live_session;
+        unsigned char* out;
+        size_t len;
+        int nid;
         int result;
+        size_t len_after;
+        int queued_reason;  // what reaches OpenSSL's error queue
     } cases[] = {
-        {"length query", [&] { return p11::p11_pkey_sign(slot_, session_, key, 979, nullptr, &len, digest, 32); }, 1},
-        {"signature", [&] { len = sizeof sig; return p11::p11_pkey_sign(slot_, session_, key, 979, sig, &len, digest, 32); }, 1},
-        {"unknown nid", [&] { len = sizeof sig; return p11::p11_pkey_sign(slot_, session_, key, 12345, sig, &len, digest, 32); }, 0},
-        {"short buffer", [&] { len = 10; return p11::p11_pkey_sign(slot_, session_, key, 979, sig, &len, digest, 32); }, 0},
-        {"no session", [&] { len = sizeof sig; return p11::p11_pkey_sign(slot_, std::weak_ptr<p11::Session>(), key, 979, sig, &len, digest, 32); }, 0},
+        {"signature", true, sig, sizeof sig, 979, 1, 64, 0},
+        {"length query", true, nullptr, 0, 979, 1, 64, 0},
+        {"unknown nid", true, sig, sizeof sig, 12345, 0, sizeof sig, 0},
+        {"short buffer", true, sig, 10, 979, 0, 10, static_cast<int>(CKR_BUFFER_TOO_SMALL)},
+        {"no session", false, sig, sizeof sig, 979, 0, sizeof sig, 0},
     };
-    for (auto& c : cases) {
+    for (const auto& c : cases) {
+        // A length query or a short buffer leaves the operation open on the token: a fresh
+        // session per case.
+        auto session = slot_->openSession(0);
         ERR_clear_error();
-        EXPECT_EQ(c.call(), c.result) << c.what;
+        size_t len = c.len;
+        const int result = p11::p11_pkey_sign(slot_, c.live_session ? session : gone, key, c.nid, c.out, &len,
+                                              digest, sizeof digest);
+        EXPECT_EQ(result, c.result) << c.what;
+        EXPECT_EQ(len, c.len_after) << c.what;
+        EXPECT_EQ(ERR_GET_REASON(ERR_peek_error()), c.queued_reason) << c.what;
     }
-    // Only a failed C_Sign reaches OpenSSL's queue, with the token's value as reason.
     ERR_clear_error();
-    len = 10;
-    EXPECT_EQ(p11::p11_pkey_sign(slot_, session_, key, 979, sig, &len, digest, 32), 0);
-    EXPECT_EQ(ERR_GET_REASON(ERR_peek_error()), static_cast<int>(CKR_BUFFER_TOO_SMALL));
-    ERR_clear_error();
-    EXPECT_EQ(p11::p11_pkey_sign(slot_, std::weak_ptr<p11::Session>(), key, 979, sig, &len, digest, 32), 0);
-    EXPECT_EQ(ERR_peek_error(), 0u);
-    len = 0;
-    EXPECT_EQ(p11::p11_pkey_sign(slot_, session_, key, 979, nullptr, &len, digest, 32), 1);
-    EXPECT_EQ(len, 64u);
 }
 
 TEST_F(BridgeTest, RsaMethod) {
@@ -240,6 +243,7 @@ TEST_F(BridgeTest, KeyLookup) {
     tp_set_attribute(pub, CKA_ID, nullptr, 0);
     EXPECT_P11_ERROR(session_->get_private_key_by_x509_long_way(slot_, cert), 301, "failed to get public key params");
     tp_remove_object(pub);
+    session_ = slot_->openSession(0);  // the failed search is still open in the old one
     testlog::Capture log;
     EXPECT_P11_ERROR(session_->get_private_key_by_x509(cert), 108, "failed to find a private key");
     EXPECT_TRUE(log.contains(L"failed to find a private key"));
