@@ -9,8 +9,7 @@
 #include "Session.h"
 #include "log.h"
 #include "p11_ossl.h"
-// TEMP until the digest unit lands
-namespace p11 { int p11_md_init(ENGINE* e) __attribute__((weak)); }
+#include "p11_ossl_md.h"
 
 namespace p11 {
 
@@ -65,46 +64,40 @@ void release_engine() noexcept {
 ENGINE* p11_engine = nullptr;
 const int p11_pkey_nids[3] = {NID_id_GostR3410_2001, NID_id_GostR3410_2012_256, NID_id_GostR3410_2012_512};
 
-int p11_pkey_meths(ENGINE*, EVP_PKEY_METHOD** pmeth, const int** nids, int nid) {
-    if (pmeth == nullptr) {
+namespace {
+
+// The engine's method selector contract, shared by both method kinds.
+template <typename Method>
+int select_method(Method** method, const int** nids, int nid, Method* gost2001, Method* gost2012_256,
+                  Method* gost2012_512) {
+    if (method == nullptr) {
         *nids = p11_pkey_nids;
         return 3;
     }
     switch (nid) {
         case NID_id_GostR3410_2012_256:
-            *pmeth = pmeth_GostR3410_2012_256;
+            *method = gost2012_256;
             return 1;
         case NID_id_GostR3410_2012_512:
-            *pmeth = pmeth_GostR3410_2012_512;
+            *method = gost2012_512;
             return 1;
         case NID_id_GostR3410_2001:
-            *pmeth = pmeth_GostR3410_2001;
+            *method = gost2001;
             return 1;
         default:
-            *pmeth = nullptr;
+            *method = nullptr;
             return 0;
     }
 }
 
+}  // namespace
+
+int p11_pkey_meths(ENGINE*, EVP_PKEY_METHOD** pmeth, const int** nids, int nid) {
+    return select_method(pmeth, nids, nid, pmeth_GostR3410_2001, pmeth_GostR3410_2012_256, pmeth_GostR3410_2012_512);
+}
+
 int p11_pkey_asn1_meths(ENGINE*, EVP_PKEY_ASN1_METHOD** ameth, const int** nids, int nid) {
-    if (ameth == nullptr) {
-        *nids = p11_pkey_nids;
-        return 3;
-    }
-    switch (nid) {
-        case NID_id_GostR3410_2012_256:
-            *ameth = ameth_GostR3410_2012_256;
-            return 1;
-        case NID_id_GostR3410_2012_512:
-            *ameth = ameth_GostR3410_2012_512;
-            return 1;
-        case NID_id_GostR3410_2001:
-            *ameth = ameth_GostR3410_2001;
-            return 1;
-        default:
-            *ameth = nullptr;
-            return 0;
-    }
+    return select_method(ameth, nids, nid, ameth_GostR3410_2001, ameth_GostR3410_2012_256, ameth_GostR3410_2012_512);
 }
 
 namespace {
@@ -126,7 +119,7 @@ void reg_pkcs11_engine() {
         ENGINE_register_pkey_meths(e);
         ENGINE_set_pkey_asn1_meths(e, p11_pkey_asn1_meths);
         ENGINE_register_pkey_asn1_meths(e);
-        if (p11_md_init) p11_md_init(e);
+        p11_md_init(e);
         ENGINE_set_ex_data(e, 0, &engine_ctx);
         ENGINE_add(e);
         p11_engine = e;

@@ -1,0 +1,116 @@
+// Streaming a large detached signature through Signer::addData in 64 KiB pieces, against
+// hashing the same bytes alone with the same digest. ZORVO_STREAM_MIB sets the size (1024).
+#include <benchmark/benchmark.h>
+#include <sys/resource.h>
+
+#include <cstdlib>
+#include <random>
+
+#include <openssl/evp.h>
+
+#include "Certificate.h"
+#include "Module.h"
+#include "Signer.h"
+#include "Slot.h"
+#include "p11_ossl.h"
+#include "p11_ossl_eng.h"
+#include "p11_ossl_md.h"
+#include "test_identities.h"
+
+namespace {
+
+constexpr size_t kPiece = 64 * 1024;
+
+size_t total_bytes() {
+    const char* mib = std::getenv("ZORVO_STREAM_MIB");
+    return static_cast<size_t>(mib ? std::atol(mib) : 1024) << 20;
+}
+
+const std::vector<char>& piece() {
+    static const std::vector<char> data = [] {
+        std::vector<char> d(kPiece);
+        std::mt19937 rng(7);
+        for (char& c : d) c = static_cast<char>(rng());
+        return d;
+    }();
+    return data;
+}
+
+long peak_rss_kib() {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    return usage.ru_maxrss;
+}
+
+// One token with an RSA and a GOST R 34.10-2012 (256) identity, logged in once.
+struct Bench {
+    std::shared_ptr<p11::Module> module;
+    std::shared_ptr<p11::Slot> slot;
+    std::shared_ptr<p11::Session> session;
+    std::shared_ptr<std::vector<std::shared_ptr<p11::Certificate>>> certs;
+
+    Bench() {
+        p11::reg_pkcs11_engine();
+        tp_reset();
+        static tp::Token token(1);
+        testid::install(token, testid::rsa(), {1}, "rsa");
+        testid::install(token, testid::gost("gost2012_256"), {2}, "gost");
+        module = std::make_shared<p11::Module>(ZORVO_TESTPROV_PATH, nullptr);
+        slot = module->listTokenSlots()->at(0);
+        session = slot->openSession(0);
+        certs = session->enumerateCerts();
+    }
+    static Bench& get() {
+        static Bench bench;
+        return bench;
+    }
+};
+
+void hash_alone(benchmark::State& state, const EVP_MD* md) {
+    const size_t total = total_bytes();
+    for (auto _ : state) {
+        EVP_MD_CTX* ctx = EVP_MD_CTX_new();
+        EVP_DigestInit_ex(ctx, md, nullptr);
+        for (size_t done = 0; done < total; done += kPiece) EVP_DigestUpdate(ctx, piece().data(), kPiece);
+        unsigned char out[EVP_MAX_MD_SIZE];
+        unsigned int len = 0;
+        EVP_DigestFinal_ex(ctx, out, &len);
+        EVP_MD_CTX_free(ctx);
+        benchmark::DoNotOptimize(out);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * total));
+}
+
+void stream_signature(benchmark::State& state, size_t cert) {
+    Bench& b = Bench::get();
+    const size_t total = total_bytes();
+    p11::engine_in_use = false;
+    auto signer = b.certs->at(cert)->startSigning(b.session->login("1234", 4), false);
+    const long rssBefore = peak_rss_kib();
+    for (auto _ : state) {
+        for (size_t done = 0; done < total; done += kPiece) signer->addData(piece().data(), static_cast<int>(kPiece));
+        benchmark::DoNotOptimize(signer->finish());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * total));
+    state.counters["peak_rss_growth_KiB"] = static_cast<double>(peak_rss_kib() - rssBefore);
+}
+
+void BM_Sha256Alone(benchmark::State& state) { hash_alone(state, EVP_sha256()); }
+void BM_StreamDetachedRsaSha256(benchmark::State& state) { stream_signature(state, 0); }
+void BM_Streebog256Alone(benchmark::State& state) {
+    Bench::get();
+    hash_alone(state, digest_gost2012_256());
+}
+void BM_StreamDetachedGost2012Streebog256(benchmark::State& state) { stream_signature(state, 1); }
+
+BENCHMARK(BM_Sha256Alone)->Unit(benchmark::kMillisecond)->Repetitions(3)->ReportAggregatesOnly(true);
+BENCHMARK(BM_StreamDetachedRsaSha256)->Unit(benchmark::kMillisecond)->Repetitions(3)->ReportAggregatesOnly(true);
+BENCHMARK(BM_Streebog256Alone)->Unit(benchmark::kMillisecond)->Repetitions(3)->ReportAggregatesOnly(true);
+BENCHMARK(BM_StreamDetachedGost2012Streebog256)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(3)
+    ->ReportAggregatesOnly(true);
+
+}  // namespace
+
+BENCHMARK_MAIN();
