@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <map>
 #include <sstream>
@@ -168,11 +169,18 @@ TEST_F(SoftHsmTest, EnumerationMatchesOpenssl) {
         EXPECT_EQ(cert->get_id().first[0], c.id);
         EXPECT_FALSE(cert->getSubject().at("CN").empty());
         EXPECT_EQ(cert->getTokenInfo().at("label"), std::wstring(L"zorvo-test2") + std::wstring(21, L' '));
-        std::string subject;
-        testssl::run("openssl x509 -in " + var(c.pem) + " -noout -subject -nameopt multiline,-esc_msb,utf8", &subject);
-        const std::wstring& cn = cert->getSubject().at("CN");
-        EXPECT_NE(subject.find("commonName                = " + std::string(cn.begin(), cn.end())), std::string::npos)
-            << subject;
+        for (auto [option, names] : {std::pair{"-subject", &cert->getSubject()}, std::pair{"-issuer", &cert->getIssuer()}}) {
+            std::string printed;
+            testssl::run("openssl x509 -in " + var(c.pem) + " -noout " + option + " -nameopt multiline,-esc_msb,utf8",
+                         &printed);
+            for (auto [key, field] : {std::pair{"CN", "commonName"}, std::pair{"O", "organizationName"}}) {
+                if (!names->count(key)) continue;
+                const std::wstring& value = names->at(key);  // ASCII in these certificates
+                std::string line = std::string(field) + std::string(26 - std::strlen(field), ' ') + "= " +
+                                   std::string(value.begin(), value.end());
+                EXPECT_NE(printed.find(line), std::string::npos) << printed << " lacks " << line;
+            }
+        }
     }
 }
 
