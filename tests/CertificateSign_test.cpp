@@ -33,36 +33,12 @@ Algs signer_algs(CMS_ContentInfo* cms) {
     return a;
 }
 
-class OneShotTest : public ProviderTest, public ::testing::WithParamInterface<std::string> {
+class OneShotTest : public SigningTest {
 protected:
-    void SetUp() override {
-        ProviderTest::SetUp();
-        p11::reg_pkcs11_engine();
-        p11::engine_in_use = false;  // the one-shot path keeps the claim for good
-        token_ = std::make_unique<tp::Token>(3);
-        testid::install(*token_, identity(), {0x11});
-        module_ = load();
-        slot_ = firstSlot(module_);
-        session_ = slot_->openSession(0);
-        cert_ = session_->enumerateCerts()->at(0);
-    }
-    void TearDown() override {
-        p11::engine_in_use = false;
-        ProviderTest::TearDown();
-    }
-    const testid::Identity& identity() const {
-        return GetParam() == "rsa" ? testid::rsa() : testid::gost(GetParam());
-    }
     std::string sign(const char* data, bool attached) {
         p11::engine_in_use = false;
         return cert_->signOnIt(session_->login("1234", 4), data, attached);
     }
-
-    std::unique_ptr<tp::Token> token_;
-    std::shared_ptr<p11::Module> module_;
-    std::shared_ptr<p11::Slot> slot_;
-    std::shared_ptr<p11::Session> session_;
-    std::shared_ptr<p11::Certificate> cert_;
 };
 
 TEST_P(OneShotTest, SignaturesVerifyAttachedAndDetached) {

@@ -63,26 +63,8 @@ Bytes signing_certificate_attribute(CMS_ContentInfo* cms) {
     return Bytes(value->value.sequence->data, value->value.sequence->data + value->value.sequence->length);
 }
 
-class StreamTest : public ProviderTest, public ::testing::WithParamInterface<std::string> {
+class StreamTest : public SigningTest {
 protected:
-    void SetUp() override {
-        ProviderTest::SetUp();
-        p11::reg_pkcs11_engine();
-        p11::engine_in_use = false;
-        token_ = std::make_unique<tp::Token>(3);
-        testid::install(*token_, identity(), {0x21});
-        module_ = load();
-        slot_ = firstSlot(module_);
-        session_ = slot_->openSession(0);
-        cert_ = session_->enumerateCerts()->at(0);
-    }
-    void TearDown() override {
-        p11::engine_in_use = false;
-        ProviderTest::TearDown();
-    }
-    const testid::Identity& identity() const {
-        return GetParam() == "rsa" ? testid::rsa() : testid::gost(GetParam());
-    }
     std::shared_ptr<p11::Signer> start(bool attached) { return cert_->startSigning(session_->login("1234", 4), attached); }
     void expect_verifies(const std::string& pem, const std::string& data, bool attached) {
         auto verified = testssl::cms_verify(pem, identity().certPem, attached ? nullptr : &data, identity().gost());
@@ -93,12 +75,6 @@ protected:
         for (size_t at = 0; at < data.size(); at += 1000)
             signer.addData(data.data() + at, static_cast<int>(std::min<size_t>(1000, data.size() - at)));
     }
-
-    std::unique_ptr<tp::Token> token_;
-    std::shared_ptr<p11::Module> module_;
-    std::shared_ptr<p11::Slot> slot_;
-    std::shared_ptr<p11::Session> session_;
-    std::shared_ptr<p11::Certificate> cert_;
 };
 
 TEST_P(StreamTest, SeveralMessagesOneLogin) {

@@ -14,18 +14,9 @@
 #include "Slot.h"
 #include "p11.h"
 #include "p11_ossl.h"
+#include "test_expect.h"
 #include "test_openssl.h"
 
-#define EXPECT_P11_ERROR(statement, code_, message_)                   \
-    do {                                                               \
-        try {                                                          \
-            statement;                                                 \
-            ADD_FAILURE() << "no process_error from " #statement;      \
-        } catch (const p11::process_error& e) {                        \
-            EXPECT_EQ(e.code(), code_) << e.what();                    \
-            EXPECT_EQ(e.message(), std::string(message_)) << e.what(); \
-        }                                                              \
-    } while (0)
 
 namespace {
 

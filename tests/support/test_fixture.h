@@ -9,19 +9,13 @@
 #include "Session.h"
 #include "Slot.h"
 #include "p11.h"
+#include "test_expect.h"
+#include "test_identities.h"
 #include "testprov.h"
 
-/// Expects `statement` to throw p11::process_error with this code and message.
-#define EXPECT_P11_ERROR(statement, code_, message_)                              \
-    do {                                                                          \
-        try {                                                                     \
-            statement;                                                            \
-            ADD_FAILURE() << "no process_error from " #statement;                 \
-        } catch (const p11::process_error& e) {                                   \
-            EXPECT_EQ(e.code(), code_) << e.what();                               \
-            EXPECT_EQ(e.message(), std::string(message_)) << e.what();            \
-        }                                                                         \
-    } while (0)
+namespace p11 {
+class Certificate;
+}
 
 class ProviderTest : public ::testing::Test {
 protected:
@@ -35,4 +29,19 @@ protected:
         if (slots->empty()) throw std::runtime_error("no slot with a token");
         return slots->front();
     }
+};
+
+/// A token holding one signing identity ("rsa", "gost2001", "gost2012_256", "gost2012_512"),
+/// its certificate enumerated, the engine registered and free.
+class SigningTest : public ProviderTest, public ::testing::WithParamInterface<std::string> {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+    const testid::Identity& identity() const;
+
+    std::unique_ptr<tp::Token> token_;
+    std::shared_ptr<p11::Module> module_;
+    std::shared_ptr<p11::Slot> slot_;
+    std::shared_ptr<p11::Session> session_;
+    std::shared_ptr<p11::Certificate> cert_;
 };
