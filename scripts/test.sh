@@ -22,4 +22,6 @@ run_suite build
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
 run_suite build-asan -DZORVO_SANITIZE=ON -DZORVO_BUILD_BENCH=OFF
+# ThreadSanitizer on the concurrency tests, and the fuzz corpora replayed and fuzzed briefly.
+bash scripts/reliability.sh
 echo "== all test suites passed"

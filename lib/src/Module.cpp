@@ -6,8 +6,26 @@
 
 namespace p11 {
 
+namespace {
+
+// The entries the library calls through without further checks: a provider that leaves one
+// out is refused at load instead of crashing at its first use.
+bool callable(const CK_FUNCTION_LIST* f) {
+    return f != nullptr && f->C_Initialize && f->C_Finalize && f->C_GetSlotList && f->C_GetSlotInfo &&
+           f->C_GetTokenInfo && f->C_GetMechanismList && f->C_GetMechanismInfo && f->C_OpenSession &&
+           f->C_CloseSession && f->C_GetSessionInfo && f->C_Login && f->C_Logout && f->C_GetAttributeValue &&
+           f->C_FindObjectsInit && f->C_FindObjects && f->C_FindObjectsFinal && f->C_SignInit && f->C_Sign;
+}
+
+}  // namespace
+
 Module::Module(std::string path, CK_VOID_PTR initArgs) : path_(std::move(path)) {
     handle_ = C_LoadModule(path_.c_str(), &functions_);
+    if (handle_ != nullptr && !callable(functions_)) {
+        P11_ERROR("function list of p11 module lacks entries: " << bytes(path_));
+        C_UnloadModule(handle_);
+        handle_ = nullptr;
+    }
     if (handle_ == nullptr) {
         P11_ERROR("failed to load p11 module: " << bytes(path_));
         throw process_error(100, "failed to load p11 module");
