@@ -130,38 +130,25 @@ TEST_P(OneShotTest, TokenRefusalIsFinalizationFailure) {
 INSTANTIATE_TEST_SUITE_P(Keys, OneShotTest, ::testing::Values("rsa", "gost2001", "gost2012_256", "gost2012_512"),
                          [](const auto& info) { return info.param; });
 
-class SignOnItTest : public ProviderTest {};
+class RsaOneShotTest : public OneShotTest {};
 
-TEST_F(SignOnItTest, EmbeddedNulEndsTheData) {
-    p11::reg_pkcs11_engine();
-    tp::Token token(1);
-    testid::install(token, testid::rsa(), {1});
-    auto module = load();
-    auto slot = firstSlot(module);
-    auto session = slot->openSession(0);
-    auto cert = session->enumerateCerts()->at(0);
-    p11::engine_in_use = false;
+TEST_P(RsaOneShotTest, EmbeddedNulEndsTheData) {
     const char data[] = "visible\0hidden";
-    auto verified = testssl::cms_verify(cert->signOnIt(session->login("1234", 4), data, true), testid::rsa().certPem,
-                                        nullptr);
+    auto verified = testssl::cms_verify(sign(data, true), identity().certPem, nullptr);
     EXPECT_TRUE(verified.ok) << verified.log;
     EXPECT_EQ(verified.content, "visible");
-    p11::engine_in_use = false;
 }
 
-TEST_F(SignOnItTest, SessionGoneIsCode12AndLeavesTheEngineAlone) {
-    tp::Token token(1);
-    testid::install(token, testid::rsa(), {1});
-    auto module = load();
-    auto slot = firstSlot(module);
-    auto session = slot->openSession(0);
-    auto cert = session->enumerateCerts()->at(0);
-    auto login = session->login("1234", 4);
-    session.reset();
-    p11::engine_in_use = false;
-    EXPECT_P11_ERROR(cert->signOnIt(std::move(login), "x", true), 12, "failed to get session");
+TEST_P(RsaOneShotTest, SessionGoneIsCode12AndLeavesTheEngineAlone) {
+    auto login = session_->login("1234", 4);
+    session_.reset();
+    EXPECT_P11_ERROR(cert_->signOnIt(std::move(login), "x", true), 12, "failed to get session");
     EXPECT_FALSE(p11::engine_in_use);
 }
+
+INSTANTIATE_TEST_SUITE_P(Rsa, RsaOneShotTest, ::testing::Values("rsa"));
+
+class SignOnItTest : public ProviderTest {};
 
 // A GOST certificate read before the engine existed still signs once it is registered.
 TEST_F(SignOnItTest, GostCertificateEnumeratedBeforeRegistration) {

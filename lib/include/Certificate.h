@@ -9,6 +9,7 @@
 #include <p11-kit/pkcs11.h>
 
 #include "Session.h"
+#include "ossl_ptr.h"
 #include "zorvo_export.h"
 
 namespace p11 {
@@ -39,7 +40,7 @@ public:
     /// The certificate's public key; owned by the certificate.
     X509_PUBKEY* get_public_key() const;
     /// The parsed certificate; owned by the certificate.
-    X509* getX509() const { return x509; }
+    X509* getX509() const { return x509.get(); }
     /// The token object's CKA_LABEL.
     const std::string& getLabel() const { return label; }
     const name_map& getSubject() const { return subject; }
@@ -65,7 +66,7 @@ public:
 private:
     std::string label;
     std::weak_ptr<Session> session;
-    X509* x509 = nullptr;
+    ossl::x509_ptr x509;
     id_type id;
     name_map tokenInfo;
     name_map subject;

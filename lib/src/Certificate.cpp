@@ -92,18 +92,19 @@ Certificate::Certificate(std::weak_ptr<Session> owner, std::string& objectLabel,
     notAfter = convert_ASN1TIME(X509_getm_notAfter(cert));
     parseKeyUsage(cert, &keyUsage);
 
-    x509 = x509Owner.release();
+    x509.reset(x509Owner.release());
     id.first = std::move(idOwner.first);
     id.second = idOwner.second;
 }
 
 Certificate::~Certificate() {
-    X509_free(x509);
+    // The certificate goes first, then its identifier, then the rest.
+    x509.reset();
     id.first.reset();
 }
 
 X509_PUBKEY* Certificate::get_public_key() const {
-    return X509_get_X509_PUBKEY(x509);
+    return X509_get_X509_PUBKEY(x509.get());
 }
 
 std::string convert_ASN1TIME(ASN1_TIME* time) {

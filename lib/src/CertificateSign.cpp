@@ -30,7 +30,7 @@ std::string Certificate::signOnIt(std::unique_ptr<Session::LoginToken> token, co
     ossl::cms_ptr cms(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags));
     if (!cms) fail_openssl("error while signing initialization", P11_SITE);
     P11_DEBUG("signer adding");
-    signer_certificate signer(x509);
+    signer_certificate signer(x509.get());
     if (CMS_add1_signer(cms.get(), signer.get(), key.get(), nullptr, flags) == nullptr)
         fail_openssl("error while signer adding", P11_SITE);
     P11_DEBUG("signing finalization");
