@@ -13,7 +13,7 @@ cmake -S "$root" -B "$tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZORVO_TSAN=ON -D
 cmake --build "$tsan" -j"$jobs" --target reliability_tests
 exe=$(find "$tsan" -name reliability_tests -type f -perm -u+x | head -n 1)
 echo "== concurrency under ThreadSanitizer"
-TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} "$exe" --gtest_filter='Concurrency.*' --gtest_repeat=5
+TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1:suppressions=$root/tests/reliability/tsan.supp} "$exe" --gtest_filter='Concurrency.*' --gtest_repeat=5
 
 bash "$root/fuzz/run.sh"
 echo "== reliability checks passed"
