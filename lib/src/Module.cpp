@@ -50,14 +50,19 @@ std::unique_ptr<std::vector<std::shared_ptr<Slot>>> Module::listTokenSlots() {
                   [&] { return functions_->C_GetSlotList(CK_TRUE, nullptr, &count); });
     const CK_ULONG allocated = count;
     auto ids = std::make_unique<CK_SLOT_ID[]>(allocated);
-    call_or_throw("C_GetSlotList()", 102, "failed to get a list of slotsWithToken with token",
-                  [&] { return functions_->C_GetSlotList(CK_TRUE, ids.get(), &count); });
+    // Both calls go out with the room there is: a provider may have written a larger count
+    // back (a token arrived meanwhile), and the repeat must not believe it.
+    call_or_throw("C_GetSlotList()", 102, "failed to get a list of slotsWithToken with token", [&] {
+        count = allocated;
+        return functions_->C_GetSlotList(CK_TRUE, ids.get(), &count);
+    });
 
     auto result = std::make_unique<std::vector<std::shared_ptr<Slot>>>();
     result->reserve(count);
     std::weak_ptr<Module> self = shared_from_this();
     // A provider that reports more ids than it was given room for is not trusted past the array.
-    for (CK_ULONG i = 0; i < count && i < allocated; ++i) result->push_back(std::make_shared<Slot>(ids[i], self));
+    for (CK_ULONG i = 0; i < count && i < allocated; ++i)
+        result->push_back(std::make_shared<Slot>(ids[i], self));
     return result;
 }
 
