@@ -10,7 +10,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 build=${ZORVO_FUZZ_BUILD_DIR:-$root/build-fuzz}
 seconds=${FUZZ_SECONDS:-20}
 jobs=${ZORVO_JOBS:-2}
-targets=(cert name gosthash)
+targets=(cert hash)
 
 echo "== build $build (clang, libFuzzer, ASan+UBSan)"
 CC=${FUZZ_CC:-clang-14} CXX=${FUZZ_CXX:-clang++-14} cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo \

@@ -8,14 +8,16 @@
 
 #include <openssl/evp.h>
 
+#include <fstream>
+#include <sstream>
 #include "Certificate.h"
 #include "Module.h"
 #include "Signer.h"
 #include "Slot.h"
+#include "p11.h"
 #include "p11_ossl.h"
 #include "p11_ossl_eng.h"
 #include "p11_ossl_md.h"
-#include "test_identities.h"
 
 namespace {
 
@@ -42,23 +44,31 @@ long peak_rss_kib() {
     return usage.ru_maxrss;
 }
 
-// One token with an RSA and a GOST R 34.10-2012 (256) identity, logged in once.
+// The RSA identity of the SoftHSM2 test token and a GOST R 34.10-2012 (256) one of the test
+// provider over it (tests/support/token.sh and tprov.cpp), each on a session logged in once.
 struct Bench {
     std::shared_ptr<p11::Module> module;
-    std::shared_ptr<p11::Slot> slot;
-    std::shared_ptr<p11::Session> session;
-    std::shared_ptr<std::vector<std::shared_ptr<p11::Certificate>>> certs;
+    std::unique_ptr<std::vector<std::shared_ptr<p11::Slot>>> slots;  // sessions hold them weakly
+    std::vector<std::shared_ptr<p11::Session>> sessions;
+    std::vector<std::shared_ptr<p11::Certificate>> certs;
 
     Bench() {
+        std::ifstream env(ZORVO_BUILD_DIR "/softhsm/env");
+        for (std::string line; std::getline(env, line);)
+            if (line.rfind("SOFTHSM2_CONF=", 0) == 0) setenv("SOFTHSM2_CONF", line.c_str() + 14, 1);
+        setenv("ZORVO_TP_GOST", ZORVO_SOURCE_DIR "/tests/data/gost", 1);
         p11::reg_pkcs11_engine();
-        tp_reset();
-        static tp::Token token(1);
-        testid::install(token, testid::rsa(), {1}, "rsa");
-        testid::install(token, testid::gost("gost2012_256"), {2}, "gost");
-        module = std::make_shared<p11::Module>(ZORVO_TESTPROV_PATH, nullptr);
-        slot = module->listTokenSlots()->at(0);
-        session = slot->openSession(0);
-        certs = session->enumerateCerts();
+        module = std::make_shared<p11::Module>(ZORVO_TPROV, nullptr);
+        slots = module->listTokenSlots();
+        for (auto [token, label] : {std::pair{"zorvo-a", "rsa1"}, {"zorvo-g", "gost2012_256"}})
+            for (auto& slot : *slots) {
+                if (p11::p11_utf8_to_local(slot->readTokenInfo()->label, 32) != std::string(token)) continue;
+                sessions.push_back(slot->openSession(0));
+                auto found = sessions.back()->enumerateCerts();
+                for (auto& c : *found)
+                    if (c->getLabel() == label) certs.push_back(c);
+            }
+        if (certs.size() != 2) throw std::runtime_error("run tests/support/token.sh BUILD_DIR first");
     }
     static Bench& get() {
         static Bench bench;
@@ -85,26 +95,36 @@ void stream_signature(benchmark::State& state, size_t cert) {
     Bench& b = Bench::get();
     const size_t total = total_bytes();
     p11::engine_in_use = false;
-    auto signer = b.certs->at(cert)->startSigning(b.session->login("1234", 4), false);
+    auto signer = b.certs.at(cert)->startSigning(b.sessions.at(cert)->login("1234", 4), false);
     const long rssBefore = peak_rss_kib();
     for (auto _ : state) {
-        for (size_t done = 0; done < total; done += kPiece) signer->addData(piece().data(), static_cast<int>(kPiece));
+        for (size_t done = 0; done < total; done += kPiece)
+            signer->addData(piece().data(), static_cast<int>(kPiece));
         benchmark::DoNotOptimize(signer->finish());
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * total));
     state.counters["peak_rss_growth_KiB"] = static_cast<double>(peak_rss_kib() - rssBefore);
 }
 
-void BM_Sha256Alone(benchmark::State& state) { hash_alone(state, EVP_sha256()); }
-void BM_StreamDetachedRsaSha256(benchmark::State& state) { stream_signature(state, 0); }
+void BM_Sha256Alone(benchmark::State& state) {
+    hash_alone(state, EVP_sha256());
+}
+void BM_StreamDetachedRsaSha256(benchmark::State& state) {
+    stream_signature(state, 0);
+}
 void BM_Streebog256Alone(benchmark::State& state) {
     Bench::get();
     hash_alone(state, digest_gost2012_256());
 }
-void BM_StreamDetachedGost2012Streebog256(benchmark::State& state) { stream_signature(state, 1); }
+void BM_StreamDetachedGost2012Streebog256(benchmark::State& state) {
+    stream_signature(state, 1);
+}
 
 BENCHMARK(BM_Sha256Alone)->Unit(benchmark::kMillisecond)->Repetitions(3)->ReportAggregatesOnly(true);
-BENCHMARK(BM_StreamDetachedRsaSha256)->Unit(benchmark::kMillisecond)->Repetitions(3)->ReportAggregatesOnly(true);
+BENCHMARK(BM_StreamDetachedRsaSha256)
+    ->Unit(benchmark::kMillisecond)
+    ->Repetitions(3)
+    ->ReportAggregatesOnly(true);
 BENCHMARK(BM_Streebog256Alone)->Unit(benchmark::kMillisecond)->Repetitions(3)->ReportAggregatesOnly(true);
 BENCHMARK(BM_StreamDetachedGost2012Streebog256)
     ->Unit(benchmark::kMillisecond)
