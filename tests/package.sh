@@ -16,8 +16,15 @@ for sym in C_LoadModule sc_dlopen 'p11::Module::Module(' 'typeinfo for p11::proc
   grep -qF "$sym" exports || fail "not exported: $sym"
 done
 
+# The installed tool looks for nothing in the current directory.
+readelf -d "$out/prefix/bin/zorvo-sign" | grep -q '(RPATH).*\[\$ORIGIN/\.\./lib\]$' || fail "tool path: $(readelf -d "$out/prefix/bin/zorvo-sign" | grep PATH)"
+
+# A host built with CMake, and one with pkg-config whose RPATH (not RUNPATH: that would not serve
+# the library's own needs) finds the install without LD_LIBRARY_PATH, as the guide advises.
 cmake -S "$src/examples" -B cmake-host -DCMAKE_PREFIX_PATH="$out/prefix" >/dev/null && cmake --build cmake-host >/dev/null
-c++ -std=c++17 "$src/examples/sign_example.cpp" -o ./pc-host $(PKG_CONFIG_PATH=$out/prefix/lib/pkgconfig pkg-config --cflags --libs zorvopkcs11)
+c++ -std=c++17 "$src/examples/sign_example.cpp" -o ./pc-host -Wl,--disable-new-dtags,-rpath,"$out/prefix/lib" \
+  $(PKG_CONFIG_PATH=$out/prefix/lib/pkgconfig pkg-config --cflags --libs zorvopkcs11)
+./pc-host --help >/dev/null || fail "an RPATH in the host does not find the install"
 set -a && . "$build/softhsm/env" && set +a
 cp -r "$DIR/tokens" tokens && printf 'directories.tokendir = %s/tokens\n' "$out" >softhsm2.conf
 export SOFTHSM2_CONF=$out/softhsm2.conf

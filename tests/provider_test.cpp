@@ -118,12 +118,18 @@ TEST(Provider, LyingAnswersAreRefused) {
         const char* message;
     } rows[] = {
         {"attrover=1", 107, "failed to get attribute value"},  // it wrote past the buffer, it says
+        {"attrlen=1073741824", 107, "failed to get attribute value"},
+        {"attrlen=18446744073709551615", 107, "failed to get attribute value"},
         {"count=0", 102, "failed to get a list of slotsWithToken with token"},  // a token came meanwhile
+        {"count=100000000", 102, "failed to get a number of list of slots with token"},
+        {"endless", 106, "failed to find token's certificate"},
     };
     for (const auto& r : rows) {
         fx::provider(r.rules);
         EXPECT_P11(fx::Road("zorvo-a", "rsa1"), r.code, r.message);
     }
+    fx::provider("mechs=100000000");
+    EXPECT_P11(fx::Road("zorvo-a").slot->geMechanisms(0), 104, "failed to get mechanizms");
 }
 
 TEST(Provider, CertificatesAsTheTokenHoldsThem) {

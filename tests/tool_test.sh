@@ -21,6 +21,10 @@ printf 'with\0NUL' >nul.bin
 head -c 3000000 /dev/urandom >big.bin
 printf '%s\r\nsecond line\n' "$PIN" >pin.txt
 printf 'keep me\n' >keep.pem
+printf 'old\n' | tee target.pem >private.pem && chmod 600 private.pem
+ln -s target.pem link.pem && ln -s nowhere/x dangling.pem && ln doc.txt hard.txt && mkfifo fifo
+mkdir dir.pem pindir plant && : >empty.pin && cp "$tprov" plant/libplanted.so
+export ZORVO_TP_LOG=$w/calls.log
 "$tool" list --module "$MODULE" --token zorvo-a >list.txt 2>&1
 uri=$(sed -n '/Certificate "rsa1"/,/uri:/s/^    uri: *//p' list.txt)
 
@@ -43,8 +47,8 @@ m="--module $MODULE" t="--module $tprov --token zorvo-g"
 s="sign --in doc.txt --out out.pem"
 while IFS='|' read -r status rules args message after; do
   row="$args"
-  rm -f out.pem
-  eval "ZORVO_TP='$rules' $args" >stdout 2>stderr
+  rm -f out.pem calls.log
+  eval "export ZORVO_TP='$rules'; $args" >stdout 2>stderr
   got=$?
   [ "$got" = "$status" ] || fail "$row: status $got, wanted $status: $(cat stderr)"
   # shellcheck disable=SC2053
@@ -52,7 +56,7 @@ while IFS='|' read -r status rules args message after; do
   [ "$status" = 0 ] || [ ! -e out.pem ] || fail "$row: left an output file"
   eval "$after"
 done <<EOF
-0||zs --help||grep -q '^ 13  token removed' stdout || fail "help: no exit table"
+0||zs --help||grep -q '^ 13  token removed' stdout && ! grep -q '^ 10 ' stdout || fail "help: exit table"
 2||zs sign --cert rsa1|zorvo-sign: --module PROVIDER is needed|
 2||zs list $m --what|zorvo-sign: unexpected argument --what (see zorvo-sign --help)|
 6||zs list $m|zorvo-sign: token "zorvo-b": certificate without an identifier on the token (122: bad x509 id)|grep -q '^  not initialised$' stdout || fail "list: no blank token"
@@ -85,6 +89,29 @@ done <<EOF
 9||zs $s $m --cert ec1|zorvo-sign: unsupported key type (110: CKK_EC private key type is unsupported)|
 11|C_SignInit@1=0x6|zs $s $t --cert gost2001|zorvo-sign: signing failed (300: error while signing finalization)|
 12|C_Sign@1=0x1|zs $s $t --cert gost2001 --stream|zorvo-sign: signature cancelled on the token (501: user cancel operation)|
+12|C_Sign@1=0x1|zs $s $t --cert gost2001|zorvo-sign: signature cancelled on the token (300: error while signing finalization)|
+0||zs $s $m --cert '$uri' --out -|Signed doc.txt (39 bytes) * standard output (attached)|cp stdout out.pem && check attached rsa1
+0||zs $s $m --cert '$uri' --out private.pem||[ "\$(stat -c %a private.pem)" = 600 ] || fail "mode lost"; cp private.pem out.pem && check attached rsa1
+0||zs $s $m --cert '$uri' --out link.pem||[ -L link.pem ] && cp target.pem out.pem && check attached rsa1 || fail "link replaced"
+0||zs $s $m --cert '$uri' --out /dev/null||[ -c /dev/null ] || fail "/dev/null replaced"
+0||(cat fifo >from-fifo &); zs $s $m --cert '$uri' --out fifo||sleep 0.2; cp from-fifo out.pem && check attached rsa1
+0||zs sign $m --cert '$uri' --in /dev/null --out out.pem --stream||check attached rsa1 /dev/null
+3||zs $s $m --cert '$uri' --out dangling.pem|zorvo-sign: cannot write dangling.pem (a link to nowhere): No such file or directory|
+3||zs $s $m --cert '$uri' --out dir.pem|zorvo-sign: cannot write dir.pem: a directory|
+3||zs sign $m --cert '$uri' --in doc.txt --out hard.txt|zorvo-sign: cannot write hard.txt: it is the input|
+3||zs sign $m --cert '$uri' --in - --out doc.txt <doc.txt|zorvo-sign: cannot write doc.txt: it is the input|cmp -s doc.txt hard.txt || fail "input changed"
+3||zs sign $m --cert '$uri' --in /dev/zero --out out.pem|zorvo-sign: /dev/zero is larger than one-shot signing takes (64 MiB): use --stream|
+0||(cd plant && LD_DEBUG=libs zs --version)|*|! grep -q 'trying file=\./' stderr || fail "looked in the current directory"
+4||(cd plant && zs list --module libplanted.so)|zorvo-sign: cannot load the PKCS#11 provider (100: failed to load p11 module)|
+2||ZORVO_PIN= zs $s $t --cert gost2001|zorvo-sign: empty PIN in ZORVO_PIN: not sent to the token|! grep -qs C_Login calls.log || fail "the token saw the PIN"
+2||zs $s $t --cert gost2001 --pin-file empty.pin|zorvo-sign: empty PIN in empty.pin: not sent to the token|
+3||zs $s $t --cert gost2001 --pin-file pindir|zorvo-sign: cannot read PIN file pindir: Is a directory|
+0|tokenflags=0x30000|zs list $t||grep -qxF '  user PIN:     count low, final try' stdout || fail "no PIN state"
+0|tokenflags=0x20000|zs $s $t --cert gost2001|zorvo-sign: warning: token "zorvo-g" locks the PIN after one more wrong try|check attached gost2001
+5|attrlen=1073741824|zs list $t|zorvo-sign: token "zorvo-g": cannot read an object on the token (107: failed to get attribute value)|
+5|attrlen=18446744073709551615|zs list $t|zorvo-sign: token "zorvo-g": cannot read an object on the token (107: failed to get attribute value)|
+5|count=100000000|zs list $t|zorvo-sign: cannot list the slots (102: failed to get a number of list of slots with token)|
+5|endless|zs list $t|zorvo-sign: token "zorvo-g": cannot search the token (106: failed to find token's certificate)|
 13|C_Sign@1=0x32,gone=3|zs $s $t --cert gost2001|zorvo-sign: token removed (300: error while signing finalization)|
 EOF
 [ "$failures" = 0 ] && echo "tool: ok" || { echo "$failures check(s) failed" >&2; exit 1; }

@@ -69,9 +69,11 @@ public:
     /// The first private key whose CKA_ID equals the bytes given, or 0.
     CK_OBJECT_HANDLE get_private_key_by_id(std::shared_ptr<Slot> slot, unsigned char* id, size_t id_len);
     /// The private key found through a public key object holding the certificate's key value, or 0.
-    CK_OBJECT_HANDLE get_private_key_by_x509_long_way(std::shared_ptr<Slot> slot, std::shared_ptr<Certificate> cert);
+    CK_OBJECT_HANDLE get_private_key_by_x509_long_way(std::shared_ptr<Slot> slot,
+                                                      std::shared_ptr<Certificate> cert);
     /// Wraps a private key object as an OpenSSL key (RSA or GOST R 34.10); throws 109 or 110.
-    evp_pkey_handle init_private_key(std::shared_ptr<Slot> slot, CK_OBJECT_HANDLE key, std::shared_ptr<Certificate> cert);
+    evp_pkey_handle init_private_key(std::shared_ptr<Slot> slot, CK_OBJECT_HANDLE key,
+                                     std::shared_ptr<Certificate> cert);
 
     /// The provider's session handle.
     CK_SESSION_HANDLE getHandle() const noexcept { return handle; }
@@ -82,6 +84,8 @@ public:
 
 private:
     std::shared_ptr<Slot> lockSlot(const log_site& site) const;
+    /// Ends a search that has found kMaxFoundObjects already and throws process_error(code).
+    void end_endless_search(const Slot& s, unsigned long found, int code, const char* message);
 
     CK_SESSION_HANDLE handle = 0;
     std::weak_ptr<Slot> slot;

@@ -52,6 +52,11 @@ ZORVO_API char* p11_slot_info_flags(CK_FLAGS flags);
 /// (at most 511 bytes; static buffer, no character-set conversion).
 ZORVO_API char* p11_utf8_to_local(unsigned char* text, unsigned long length);
 
+/// The return value of the last C_SignInit or C_Sign that a signature made on this thread
+/// (CKR_OK before any). After a one-shot signature failed with 300 "error while signing
+/// finalization", CKR_CANCEL here tells that the user cancelled it on the token.
+ZORVO_API CK_RV last_sign_rv() noexcept;
+
 /// Sets the level of the logger "p11" (log4cplus numbers: 0 TRACE ... 40000 ERROR, 60000 OFF).
 ZORVO_API void set_log_level(int level);
 /// Adds an appender writing to standard error (true) or standard output, with a log4cplus pattern.

@@ -48,6 +48,8 @@ std::unique_ptr<std::vector<std::shared_ptr<Slot>>> Module::listTokenSlots() {
     CK_ULONG count = 0;
     call_or_throw("C_GetSlotList(NULL)", 102, "failed to get a number of list of slots with token",
                   [&] { return functions_->C_GetSlotList(CK_TRUE, nullptr, &count); });
+    check_bound("slot count", count, kMaxListEntries, 102,
+                "failed to get a number of list of slots with token", P11_SITE);
     const CK_ULONG allocated = count;
     auto ids = std::make_unique<CK_SLOT_ID[]>(allocated);
     // Both calls go out with the room there is: a provider may have written a larger count

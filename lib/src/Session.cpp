@@ -20,6 +20,12 @@ std::shared_ptr<Slot> Session::lockSlot(const log_site& site) const {
     return lock_or_throw(slot, 11, "failed to get slot", site);
 }
 
+void Session::end_endless_search(const Slot& s, unsigned long found, int code, const char* message) {
+    if (found < kMaxFoundObjects) return;
+    s->C_FindObjectsFinal(handle);  // the session stays usable for other searches
+    check_bound("objects found by one search", found + 1, kMaxFoundObjects, code, message, P11_SITE);
+}
+
 Session::Session(std::weak_ptr<Slot> slot, int mode) : handle(0), slot(std::move(slot)) {
     auto s = lockSlot(P11_SITE);
     // The mode lands in the top bits of a 32-bit word, which is then sign-extended.
@@ -119,6 +125,9 @@ void Session::getattr_int(CK_OBJECT_HANDLE obj, CK_ATTRIBUTE_TYPE type, void* va
         attribute = request;
         return (*s)->C_GetAttributeValue(handle, obj, &attribute, 1);
     });
+    if (value == nullptr)
+        check_bound("attribute length", attribute.ulValueLen, kMaxAttributeBytes, 107,
+                    "failed to get attribute value", P11_SITE);
     if (value != nullptr && attribute.ulValueLen > *len) {
         // The provider claims to have written past the buffer it was given.
         P11_ERROR("attribute value longer than its buffer: " << attribute.ulValueLen << " > " << *len);
@@ -162,6 +171,7 @@ std::shared_ptr<std::vector<std::shared_ptr<Certificate>>> Session::enumerateCer
 
     auto result = std::make_shared<std::vector<std::shared_ptr<Certificate>>>();
     for (;;) {
+        end_endless_search(*s, result->size(), 106, "failed to find token's certificate");
         CK_OBJECT_HANDLE obj = 0;
         CK_ULONG count = 0;
         // Logged under the init call's name, as the log readers expect.
@@ -222,14 +232,17 @@ Session::evp_pkey_handle Session::get_private_key_by_x509(std::shared_ptr<Certif
     return init_private_key(s, key, std::move(cert));
 }
 
-CK_OBJECT_HANDLE Session::get_private_key_by_id(std::shared_ptr<Slot> slot, unsigned char* id, size_t id_len) {
+CK_OBJECT_HANDLE Session::get_private_key_by_id(std::shared_ptr<Slot> slot, unsigned char* id,
+                                                size_t id_len) {
     CK_OBJECT_CLASS keyClass = CKO_PRIVATE_KEY;
     CK_ATTRIBUTE search[] = {{CKA_CLASS, &keyClass, sizeof keyClass}, {CKA_ID, id, id_len}};
     const char* failure = "failed to find private key of the certificate";
-    call_or_throw("C_FindObjectsInit()", 108, failure, [&] { return (*slot)->C_FindObjectsInit(handle, search, 2); });
+    call_or_throw("C_FindObjectsInit()", 108, failure,
+                  [&] { return (*slot)->C_FindObjectsInit(handle, search, 2); });
     CK_OBJECT_HANDLE obj = 0;
     CK_ULONG count = 0;
-    call_or_throw("C_FindObjects()", 108, failure, [&] { return (*slot)->C_FindObjects(handle, &obj, 1, &count); });
+    call_or_throw("C_FindObjects()", 108, failure,
+                  [&] { return (*slot)->C_FindObjects(handle, &obj, 1, &count); });
     call_or_throw("C_FindObjectsFinal()", 108, failure, [&] { return (*slot)->C_FindObjectsFinal(handle); });
     if (count == 0) return 0;
     P11_DEBUG("FOUND PRIVATE KEY OBJECT: " << obj);
@@ -246,7 +259,8 @@ CK_OBJECT_HANDLE Session::get_private_key_by_x509_long_way(std::shared_ptr<Slot>
         throw process_error(301, "failed to get params of public key");
     }
     const int nid = OBJ_obj2nid(algorithm);
-    using octets_ptr = std::unique_ptr<ASN1_OCTET_STRING, ossl::Deleter<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>>;
+    using octets_ptr =
+        std::unique_ptr<ASN1_OCTET_STRING, ossl::Deleter<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>>;
     // An RSA key's bits are no OCTET STRING: nothing on the token can match it this way.
     octets_ptr octets(d2i_ASN1_OCTET_STRING(nullptr, &keyBits, keyLength));
     if (!octets) return 0;
@@ -256,13 +270,16 @@ CK_OBJECT_HANDLE Session::get_private_key_by_x509_long_way(std::shared_ptr<Slot>
     CK_OBJECT_CLASS keyClass = CKO_PUBLIC_KEY;
     CK_ATTRIBUTE search{CKA_CLASS, &keyClass, sizeof keyClass};
     const char* failure = "failed to find public key of the certificate";
-    call_or_throw("C_FindObjectsInit()", 302, failure, [&] { return (*slot)->C_FindObjectsInit(handle, &search, 1); });
+    call_or_throw("C_FindObjectsInit()", 302, failure,
+                  [&] { return (*slot)->C_FindObjectsInit(handle, &search, 1); });
     std::vector<unsigned char> id;
     bool matched = false;
-    while (!matched) {
+    for (unsigned long seen = 0; !matched; ++seen) {
+        end_endless_search(*slot, seen, 302, failure);
         CK_OBJECT_HANDLE obj = 0;
         CK_ULONG count = 0;
-        call_or_throw("C_FindObjects()", 302, failure, [&] { return (*slot)->C_FindObjects(handle, &obj, 1, &count); });
+        call_or_throw("C_FindObjects()", 302, failure,
+                      [&] { return (*slot)->C_FindObjects(handle, &obj, 1, &count); });
         if (count == 0) break;
         CK_KEY_TYPE keyType = 0;
         size_t len = sizeof keyType;
@@ -271,7 +288,8 @@ CK_OBJECT_HANDLE Session::get_private_key_by_x509_long_way(std::shared_ptr<Slot>
         unsigned char value[128];
         len = sizeof value;
         getattr_var(obj, CKA_VALUE, value, &len);
-        if (len != static_cast<size_t>(octets->length) || std::memcmp(value, octets->data, len) != 0) continue;
+        if (len != static_cast<size_t>(octets->length) || std::memcmp(value, octets->data, len) != 0)
+            continue;
         matched = true;
         size_t idLength = 0;
         getattr_var(obj, CKA_ID, nullptr, &idLength);

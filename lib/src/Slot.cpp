@@ -39,6 +39,7 @@ std::unique_ptr<std::vector<unsigned long>> Slot::geMechanisms(CK_FLAGS flags) {
     CK_ULONG count = 0;
     call_or_throw("C_GetMechanismList()", 104, "failed to get mechanizms",
                   [&] { return f->C_GetMechanismList(id, nullptr, &count); });
+    check_bound("mechanism count", count, kMaxListEntries, 104, "failed to get mechanizms", P11_SITE);
     const CK_ULONG allocated = count;
     auto list = std::make_unique<CK_MECHANISM_TYPE[]>(allocated);
     call_or_throw("C_GetMechanismList()", 104, "failed to get mechanizms", [&] {

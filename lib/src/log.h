@@ -46,6 +46,25 @@ std::shared_ptr<T> lock_or_throw(const std::weak_ptr<T>& parent, int code, const
     throw process_error(code, message);
 }
 
+/// Sizes a provider reports are bounded before anything is allocated for them, so that a lying or
+/// broken provider ends in the call's own error rather than in an allocation of its choosing.
+constexpr unsigned long kMaxListEntries = 4096;        // slots or mechanisms in one list
+constexpr unsigned long kMaxAttributeBytes = 1 << 20;  // one attribute value
+constexpr unsigned long kMaxFoundObjects = 4096;       // objects of one search
+
+/// Logs "<what> out of bounds: <value> (at most <bound>)" at ERROR and throws process_error(code)
+/// when `value` exceeds `bound`.
+inline void check_bound(const char* what, unsigned long value, unsigned long bound, int code,
+                        const char* message, const log_site& site) {
+    if (value <= bound) return;
+    if (logger.isEnabledFor(log4cplus::ERROR_LOG_LEVEL))
+        log_forced(log4cplus::ERROR_LOG_LEVEL,
+                   widen_bytes(std::string(what) + " out of bounds: " + std::to_string(value) + " (at most " +
+                               std::to_string(bound) + ")"),
+                   site);
+    throw process_error(code, message);
+}
+
 /// Makes a provider call; on failure makes the same call once more, logs the second result
 /// (the provider sees the failing call twice, on purpose) and throws process_error(code).
 template <typename Call>
@@ -59,13 +78,13 @@ void call_or_throw(const char* function, int code, const char* message, Call&& c
 
 // Stream-form log statement: the message is built only when the level is enabled.
 // Insert narrow text through p11::bytes.
-#define P11_LOG(LEVEL, EXPR)                                                                  \
-    do {                                                                                      \
-        if (::p11::logger.isEnabledFor(::log4cplus::LEVEL##_LOG_LEVEL)) {                     \
+#define P11_LOG(LEVEL, EXPR)                                                                          \
+    do {                                                                                              \
+        if (::p11::logger.isEnabledFor(::log4cplus::LEVEL##_LOG_LEVEL)) {                             \
             ::log4cplus::tostringstream& p11_log_stream_ = ::log4cplus::detail::get_macro_body_oss(); \
-            p11_log_stream_ << EXPR;                                                          \
-            ::p11::log_forced(::log4cplus::LEVEL##_LOG_LEVEL, p11_log_stream_.str(), P11_SITE); \
-        }                                                                                     \
+            p11_log_stream_ << EXPR;                                                                  \
+            ::p11::log_forced(::log4cplus::LEVEL##_LOG_LEVEL, p11_log_stream_.str(), P11_SITE);       \
+        }                                                                                             \
     } while (0)
 
 #define P11_DEBUG(EXPR) P11_LOG(DEBUG, EXPR)

@@ -7,6 +7,14 @@
 
 namespace p11 {
 
+namespace {
+thread_local CK_RV lastSignRv = CKR_OK;
+}  // namespace
+
+CK_RV last_sign_rv() noexcept {
+    return lastSignRv;
+}
+
 int p11_pkey_sign(std::weak_ptr<Slot> slot, std::weak_ptr<Session> session, CK_OBJECT_HANDLE key, int nid,
                   unsigned char* sig, size_t* siglen, const unsigned char* tbs, size_t tbslen) {
     auto s = slot.lock();
@@ -23,13 +31,13 @@ int p11_pkey_sign(std::weak_ptr<Slot> slot, std::weak_ptr<Session> session, CK_O
         CK_MECHANISM mechanism{};
         mechanism.mechanism = nid_to_p11_mechanism_type(nid);
         const CK_FUNCTION_LIST* f = s->operator->();
-        CK_RV rv = f->C_SignInit(ses->getHandle(), &mechanism, key);
+        CK_RV rv = lastSignRv = f->C_SignInit(ses->getHandle(), &mechanism, key);
         if (rv != CKR_OK) {
             log_p11_error("C_SignInit()", rv);
             return 0;
         }
         CK_ULONG len = *siglen;
-        rv = f->C_Sign(ses->getHandle(), const_cast<CK_BYTE_PTR>(tbs), tbslen, sig, &len);
+        rv = lastSignRv = f->C_Sign(ses->getHandle(), const_cast<CK_BYTE_PTR>(tbs), tbslen, sig, &len);
         if (rv == CKR_OK) {
             *siglen = len;
             return 1;

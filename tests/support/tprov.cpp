@@ -8,7 +8,8 @@
 //     F@N+=RV     every call of F from the N-th on answers RV
 //     init=RV     C_Initialize initialises, then answers RV
 //     fl=RV       C_GetFunctionList answers RV;  null=F|G  F and G are missing from the list
-//     count=N     slot and mechanism length queries answer N
+//     count=N     slot list length queries answer N;  mechs=N  mechanism list ones do
+//     tokenflags=F  the token information has the flags F set too
 //     gone=N      from the N-th C_GetSlotList on, no slot holds a token (it was pulled out)
 //     attrlen=N   attribute length queries answer N;  attrover=N  reads report N bytes more
 //     endless     an object search never ends
@@ -265,19 +266,27 @@ CK_RV w_Initialize(void* args) {
     });
 }
 
-CK_RV counted(CK_RV rv, const void* list, CK_ULONG* count) {
-    if (rv == CKR_OK && !list && has("count")) *count = number(options["count"]);
+CK_RV counted(CK_RV rv, const void* list, CK_ULONG* count, const char* option) {
+    if (rv == CKR_OK && !list && has(option)) *count = number(options[option]);
     return rv;
 }
 CK_RV w_GetSlotList(CK_BBOOL present, CK_SLOT_ID* ids, CK_ULONG* count) {
     return hook("C_GetSlotList", [&] {
         if (has("gone") && calls["C_GetSlotList"] >= number(options["gone"])) return *count = 0, CKR_OK;
-        return counted(under->C_GetSlotList(present, ids, count), ids, count);
+        return counted(under->C_GetSlotList(present, ids, count), ids, count, "count");
     });
 }
 CK_RV w_GetMechanismList(CK_SLOT_ID slot, CK_MECHANISM_TYPE* types, CK_ULONG* count) {
-    return hook("C_GetMechanismList",
-                [&] { return counted(under->C_GetMechanismList(slot, types, count), types, count); });
+    return hook("C_GetMechanismList", [&] {
+        return counted(under->C_GetMechanismList(slot, types, count), types, count, "mechs");
+    });
+}
+CK_RV w_GetTokenInfo(CK_SLOT_ID id, CK_TOKEN_INFO* info) {
+    return hook("C_GetTokenInfo", [&] {
+        const CK_RV rv = under->C_GetTokenInfo(id, info);
+        if (rv == CKR_OK) info->flags |= number(options["tokenflags"]);
+        return rv;
+    });
 }
 
 CK_RV w_GetAttributeValue(CK_SESSION_HANDLE s, CK_OBJECT_HANDLE h, CK_ATTRIBUTE* tmpl, CK_ULONG n) {
@@ -370,7 +379,6 @@ CK_RV w_Sign(CK_SESSION_HANDLE s, CK_BYTE* data, CK_ULONG len, CK_BYTE* sig, CK_
     }
 PASS(Finalize, (void* p), (p))
 PASS(GetSlotInfo, (CK_SLOT_ID id, CK_SLOT_INFO* info), (id, info))
-PASS(GetTokenInfo, (CK_SLOT_ID id, CK_TOKEN_INFO* info), (id, info))
 PASS(GetMechanismInfo, (CK_SLOT_ID id, CK_MECHANISM_TYPE t, CK_MECHANISM_INFO* info), (id, t, info))
 PASS(OpenSession, (CK_SLOT_ID id, CK_FLAGS f, void* app, CK_NOTIFY cb, CK_SESSION_HANDLE* s),
      (id, f, app, cb, s))

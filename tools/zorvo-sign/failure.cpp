@@ -4,18 +4,17 @@ namespace zs {
 
 const char kExitTable[] =
     "  0  success\n"
-    "  1  unexpected internal error\n"
-    "  2  usage error, or no PIN available\n"
-    "  3  input or output file error (also: NUL byte in one-shot input)\n"
+    "  1  internal error: a defect of zorvo-sign, or no memory left\n"
+    "  2  usage error; no PIN, or an empty one\n"
+    "  3  input or output file error (also: NUL byte or too much input for one-shot signing)\n"
     "  4  the PKCS#11 provider cannot be loaded or initialised (100, 101)\n"
     "  5  no token, or the token cannot be read (10-13, 102-107)\n"
     "  6  no such certificate, ambiguous selector, or a bad certificate (120-122, 210)\n"
     "  7  wrong PIN (201, 202)\n"
     "  8  login refused: PIN expired or locked, other login failure (200, 203, 204, 290)\n"
     "  9  no usable private key (108-110, 301, 302)\n"
-    " 10  signing engine busy (300 while locking)\n"
     " 11  signing failed (300)\n"
-    " 12  signature cancelled on the token (501)\n"
+    " 12  signature cancelled on the token (501; 300 with CKR_CANCEL from the token)\n"
     " 13  token removed\n";
 
 Failure describe(int code, const std::string& message, bool tokenGone) {
@@ -56,11 +55,7 @@ Failure describe(int code, const std::string& message, bool tokenGone) {
         {302, kKey, "cannot find the certificate's public key on the token"},
         {501, kCancelled, "signature cancelled on the token"},
     };
-    if (code == 300) {
-        if (message == "error while locking OPENSSL P11 engine")
-            return {kEngineBusy, "engine busy: another signature is in progress" + detail};
-        return {kSigning, "signing failed" + detail};
-    }
+    if (code == 300) return {kSigning, "signing failed" + detail};
     for (const Row& r : rows)
         if (r.code == code) return {r.status, r.text + detail};
     return {kInternal, "library error" + detail};

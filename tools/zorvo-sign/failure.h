@@ -8,8 +8,8 @@ namespace zs {
 /// Exit statuses; the table is printed by --help (kExitTable) and documented in the guide.
 enum Exit : int {
     kOk = 0,
-    kInternal = 1,       // an unexpected error
-    kUsage = 2,          // bad arguments, or no way to get a PIN
+    kInternal = 1,       // a defect of the tool (or no memory left)
+    kUsage = 2,          // bad arguments, or no (or an empty) PIN
     kFile = 3,           // input or output file
     kProvider = 4,       // the provider cannot be loaded or initialised
     kToken = 5,          // no token, or the token cannot be read
@@ -17,7 +17,6 @@ enum Exit : int {
     kWrongPin = 7,       // wrong or invalid PIN
     kLoginRefused = 8,   // PIN locked or expired, login refused
     kKey = 9,            // no private key, unsupported key type
-    kEngineBusy = 10,    // another signature holds the signing engine
     kSigning = 11,       // the signature itself failed
     kCancelled = 12,     // cancelled on the token
     kTokenRemoved = 13,  // the token went away during the operation

@@ -1,0 +1,160 @@
+// zorvo-sign sign: one certificate chosen, one login, one signature written with care.
+#include <iostream>
+
+#include "commands.h"
+#include "files.h"
+#include "pin.h"
+#include "tokens.h"
+
+namespace zs {
+namespace {
+
+constexpr size_t kPiece = 64 * 1024;
+// One-shot signing holds the data several times over; beyond this, stream.
+constexpr size_t kOneShotLimit = 64 << 20;
+
+struct Choice {
+    Token* token = nullptr;
+    std::shared_ptr<p11::Certificate> cert;
+};
+
+Choice choose(std::vector<Token>& tokens, const Selector& sel, const Options& o) {
+    if (tokens.empty()) {
+        if (sel.token.empty()) throw Failure(kToken, "no token in any slot of " + o.module);
+        std::string what;
+        for (const auto& [k, v] : sel.token) what += (what.empty() ? "" : ", ") + k + "=" + printable(v);
+        throw Failure(kToken, "no token with " + what);
+    }
+    std::vector<Choice> found;
+    const Token* unreadable = nullptr;
+    for (Token& t : tokens) {
+        if (t.failed) {
+            if (!unreadable) unreadable = &t;
+            continue;
+        }
+        for (auto& c : *t.certs)
+            if ((!sel.hasLabel || c->getLabel() == sel.label) && (!sel.hasId || cert_id(*c) == sel.id))
+                found.push_back({&t, c});
+    }
+    const std::string selector = "\"" + printable(o.cert) + "\"";
+    if (found.empty()) {
+        std::string text = "no such certificate: " + selector;
+        if (unreadable)
+            text += "; " + describe_token(*unreadable) + " could not be read (" +
+                    std::to_string(unreadable->code) + ": " + unreadable->message + ")";
+        throw Failure(kCertificate, text);
+    }
+    if (found.size() > 1) {
+        std::string where;
+        for (const Choice& c : found)
+            where +=
+                (where.empty() ? "" : ", ") + describe_token(*c.token) + " id " + to_hex(cert_id(*c.cert));
+        throw Failure(kCertificate, "certificate " + selector +
+                                        " is ambiguous: " + std::to_string(found.size()) + " match (" +
+                                        where + "); add --token or use a pkcs11: URI from `zorvo-sign list`");
+    }
+    return found.front();
+}
+
+// The whole input, for the one-shot call: bounded, and without NUL bytes, which it cannot sign.
+std::string read_all(Input& input) {
+    std::string data;
+    std::vector<char> piece(kPiece);
+    if (input.size() > int64_t(kOneShotLimit)) data.resize(kOneShotLimit + 1);
+    for (size_t n; data.size() <= kOneShotLimit && (n = input.read(piece.data(), piece.size())) > 0;)
+        data.append(piece.data(), n);
+    if (data.size() > kOneShotLimit)
+        throw Failure(kFile, input.name() + " is larger than one-shot signing takes (64 MiB): use --stream");
+    if (data.find('\0') != std::string::npos)
+        throw Failure(
+            kFile, input.name() + " contains a NUL byte, which one-shot signing cannot sign: use --stream");
+    return data;
+}
+
+std::string sign_stream(p11::Certificate& cert, std::unique_ptr<p11::Session::LoginToken> login, Input& input,
+                        bool attached, int64_t& bytes) {
+    auto signer = cert.startSigning(std::move(login), attached);
+    std::vector<char> piece(kPiece);
+    Progress progress(input.size());
+    for (size_t n; (n = input.read(piece.data(), piece.size())) > 0;) {
+        signer->addData(piece.data(), static_cast<int>(n));
+        progress.update(bytes += static_cast<int64_t>(n));
+    }
+    progress.finish();
+    return signer->finish();
+}
+
+void warn_about_pin(const Token& token) {
+    for (const auto& w : pin_warnings(token.flags)) {
+        if (w == "count low")
+            std::cerr << "zorvo-sign: warning: " << describe_token(token)
+                      << " says a wrong PIN was entered recently\n";
+        if (w == "final try")
+            std::cerr << "zorvo-sign: warning: " << describe_token(token)
+                      << " locks the PIN after one more wrong try\n";
+    }
+}
+
+}  // namespace
+
+int run_sign(const Options& o) {
+    Selector sel;
+    try {
+        sel = parse_selector(o.cert);
+    } catch (const std::invalid_argument& e) {
+        throw Failure(kUsage, std::string("--cert: ") + e.what());
+    }
+    if (!o.token.empty()) {
+        if (sel.token.count("token") && sel.token["token"] != o.token)
+            throw Failure(kUsage, "--token and the URI name different tokens");
+        sel.token["token"] = o.token;
+    }
+
+    // Everything that can fail without the token fails before the token is touched.
+    Input input(o.in);
+    Output output(o.out, input);
+    const std::string data = o.stream ? "" : read_all(input);
+    Secret pin;
+    const bool given = read_given_pin(o.pin, pin);
+
+    auto module = std::make_shared<p11::Module>(o.module, nullptr);
+    auto tokens = load_tokens(module, sel.token);
+    Choice choice = choose(tokens, sel, o);
+    const Token& token = *choice.token;
+
+    std::string pem;
+    int64_t bytes = static_cast<int64_t>(data.size());
+    try {
+        std::unique_ptr<p11::Session::LoginToken> login;
+        warn_about_pin(token);
+        if (!given && (token.flags & CKF_PROTECTED_AUTHENTICATION_PATH)) {
+            std::cerr << "zorvo-sign: enter the PIN on the reader of " << describe_token(token) << "\n";
+            login = token.session->login(nullptr, 0);
+        } else {
+            if (!given) prompt_pin(printable(token.label()), pin);
+            login = token.session->login(pin.value().data(), pin.value().size());
+        }
+        pin.wipe();
+        pem = o.stream ? sign_stream(*choice.cert, std::move(login), input, !o.detached, bytes)
+                       : choice.cert->signOnIt(std::move(login), data.c_str(), !o.detached);
+    } catch (const p11::process_error& e) {
+        // PIN verdicts come from the token itself; other failures may mean it was pulled out.
+        const bool pinVerdict = e.code() >= 200 && e.code() <= 204;
+        Failure f = library_failure(e, !pinVerdict && token_gone(module, token));
+        // The one-shot call reports a cancel as any refusal; the token's own answer tells.
+        if (f.status == kSigning && p11::last_sign_rv() == CKR_CANCEL)
+            f = Failure(kCancelled, "signature cancelled on the token (" + std::to_string(e.code()) + ": " +
+                                        e.message() + ")");
+        throw f;
+    }
+    output.write(pem);
+    output.commit();
+    (output.standardOutput() ? std::cerr : std::cout)
+        << "Signed " << printable(input.name()) << " (" << bytes << " bytes) with certificate \""
+        << printable(choice.cert->getLabel()) << "\" on " << describe_token(token) << ": "
+        << printable(o.out == "-" ? "standard output" : o.out) << " ("
+        << (o.detached ? "detached" : "attached") << (o.stream ? ", streamed" : "") << ")\n";
+    return kOk;
+}
+
+}  // namespace zs
