@@ -13,7 +13,8 @@
 
 namespace p11 {
 
-std::string Certificate::signOnIt(std::unique_ptr<Session::LoginToken> token, const char* data, bool attached) {
+std::string Certificate::signOnIt(std::unique_ptr<Session::LoginToken> token, const char* data,
+                                  bool attached) {
     (void)token;  // held until the signature is made; its end logs the user out
     P11_DEBUG("try to sign on a certificate");
     auto s = lock_or_throw(session, 12, "failed to get session", P11_SITE);
@@ -34,7 +35,8 @@ std::string Certificate::signOnIt(std::unique_ptr<Session::LoginToken> token, co
     if (CMS_add1_signer(cms.get(), signer.get(), key.get(), nullptr, flags) == nullptr)
         fail_openssl("error while signer adding", P11_SITE);
     P11_DEBUG("signing finalization");
-    if (CMS_final(cms.get(), in.get(), nullptr, flags) != 1) fail_openssl("error while signing finalization", P11_SITE);
+    if (CMS_final(cms.get(), in.get(), nullptr, flags) != 1)
+        fail_openssl("error while signing finalization", P11_SITE);
     return write_pem(cms.get());
 }
 

@@ -23,7 +23,8 @@ constexpr unsigned int kStreamFlags = CMS_BINARY | CMS_STREAM | CMS_PARTIAL;
 const char kSigningCertificateV2Oid[] = "1.2.840.113549.1.9.16.2.47";
 
 using algor_ptr = std::unique_ptr<X509_ALGOR, ossl::Deleter<X509_ALGOR, X509_ALGOR_free>>;
-using octets_ptr = std::unique_ptr<ASN1_OCTET_STRING, ossl::Deleter<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>>;
+using octets_ptr =
+    std::unique_ptr<ASN1_OCTET_STRING, ossl::Deleter<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>>;
 using general_names_ptr = std::unique_ptr<GENERAL_NAMES, ossl::Deleter<GENERAL_NAMES, GENERAL_NAMES_free>>;
 using der_buffer = std::vector<unsigned char>;
 

@@ -43,7 +43,8 @@ CK_MECHANISM_TYPE nid_to_p11_mechanism_type(int nid) {
 }
 
 int nid_to_p11_key_type(int nid) {
-    return nid == NID_id_GostR3410_2012_512 ? static_cast<int>(CKK_GOSTR3410_512) : static_cast<int>(CKK_GOSTR3410);
+    return nid == NID_id_GostR3410_2012_512 ? static_cast<int>(CKK_GOSTR3410_512)
+                                            : static_cast<int>(CKK_GOSTR3410);
 }
 
 void claim_engine(const std::shared_ptr<Session>& session, const log_site& site) {
@@ -93,11 +94,13 @@ int select_method(Method** method, const int** nids, int nid, Method* gost2001, 
 }  // namespace
 
 int p11_pkey_meths(ENGINE*, EVP_PKEY_METHOD** pmeth, const int** nids, int nid) {
-    return select_method(pmeth, nids, nid, pmeth_GostR3410_2001, pmeth_GostR3410_2012_256, pmeth_GostR3410_2012_512);
+    return select_method(pmeth, nids, nid, pmeth_GostR3410_2001, pmeth_GostR3410_2012_256,
+                         pmeth_GostR3410_2012_512);
 }
 
 int p11_pkey_asn1_meths(ENGINE*, EVP_PKEY_ASN1_METHOD** ameth, const int** nids, int nid) {
-    return select_method(ameth, nids, nid, ameth_GostR3410_2001, ameth_GostR3410_2012_256, ameth_GostR3410_2012_512);
+    return select_method(ameth, nids, nid, ameth_GostR3410_2001, ameth_GostR3410_2012_256,
+                         ameth_GostR3410_2012_512);
 }
 
 namespace {

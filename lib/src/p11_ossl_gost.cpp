@@ -54,7 +54,9 @@ int p11_gost_pub_cmp(const EVP_PKEY* a, const EVP_PKEY* b) {
     return std::memcmp(bits_a, bits_b, static_cast<size_t>(len_b)) == 0 ? 1 : 0;
 }
 
-void p11_gost_pkey_free(EVP_PKEY* pk) { OPENSSL_free(EVP_PKEY_get0(pk)); }
+void p11_gost_pkey_free(EVP_PKEY* pk) {
+    OPENSSL_free(EVP_PKEY_get0(pk));
+}
 
 int p11_gost_pkey_asn1_ctrl_common(int md_nid, EVP_PKEY* pk, int op, long arg1, void* arg2) {
     switch (op) {
@@ -65,7 +67,8 @@ int p11_gost_pkey_asn1_ctrl_common(int md_nid, EVP_PKEY* pk, int op, long arg1, 
             if (arg1 != 0) return 1;
             X509_ALGOR *digest_alg = nullptr, *signature_alg = nullptr;
             const int base_id = EVP_PKEY_base_id(pk);
-            CMS_SignerInfo_get0_algs(static_cast<CMS_SignerInfo*>(arg2), nullptr, nullptr, &digest_alg, &signature_alg);
+            CMS_SignerInfo_get0_algs(static_cast<CMS_SignerInfo*>(arg2), nullptr, nullptr, &digest_alg,
+                                     &signature_alg);
             X509_ALGOR_set0(digest_alg, OBJ_nid2obj(md_nid), V_ASN1_NULL, nullptr);
             if (base_id == 0) return -1;
             X509_ALGOR_set0(signature_alg, OBJ_nid2obj(base_id), V_ASN1_NULL, nullptr);
@@ -132,8 +135,8 @@ int p11_gost_pkey_sign(EVP_PKEY_CTX* ctx, unsigned char* sig, size_t* siglen, co
 // The 256-bit 2012 key signs exactly like the 2001 key.
 constexpr auto p11_gost_pkey_sign_2012_256 = p11_gost_pkey_sign;
 
-int p11_gost_pkey_sign_2012_512(EVP_PKEY_CTX* ctx, unsigned char* sig, size_t* siglen, const unsigned char* tbs,
-                                size_t tbslen) {
+int p11_gost_pkey_sign_2012_512(EVP_PKEY_CTX* ctx, unsigned char* sig, size_t* siglen,
+                                const unsigned char* tbs, size_t tbslen) {
     if (sig == nullptr) {
         *siglen = 128;
         return 1;
@@ -164,7 +167,9 @@ int p11_gost_pkey_meth_ctrl_2012_512(EVP_PKEY_CTX* ctx, int type, int p1, void* 
 }
 
 // The contexts carry no data of their own.
-int p11_gost_pkey_copy(EVP_PKEY_CTX*, const EVP_PKEY_CTX*) { return 1; }
+int p11_gost_pkey_copy(EVP_PKEY_CTX*, const EVP_PKEY_CTX*) {
+    return 1;
+}
 
 struct gost_row {
     int nid;
@@ -191,8 +196,10 @@ void p11_gost_init() {
          &pmeth_GostR3410_2012_512},
     };
     for (const gost_row& row : rows) {
-        EVP_PKEY_ASN1_METHOD* ameth = EVP_PKEY_asn1_new(row.nid, ASN1_PKEY_SIGPARAM_NULL, row.pem, row.description);
-        EVP_PKEY_asn1_set_public(ameth, p11_gost_pub_decode, nullptr, p11_gost_pub_cmp, nullptr, nullptr, nullptr);
+        EVP_PKEY_ASN1_METHOD* ameth =
+            EVP_PKEY_asn1_new(row.nid, ASN1_PKEY_SIGPARAM_NULL, row.pem, row.description);
+        EVP_PKEY_asn1_set_public(ameth, p11_gost_pub_decode, nullptr, p11_gost_pub_cmp, nullptr, nullptr,
+                                 nullptr);
         EVP_PKEY_asn1_set_ctrl(ameth, row.asn1_ctrl);
         EVP_PKEY_asn1_set_free(ameth, p11_gost_pkey_free);
         *row.ameth = ameth;

@@ -55,7 +55,8 @@ int p11_rsa_pkey_sign(int type, const unsigned char* m, unsigned int m_len, unsi
     i2d_ASN1_OCTET_STRING(&digest, &p);
 
     size_t len = *siglen;  // the token reports at full size_t width; the caller's is 32-bit
-    int ok = p11_pkey_sign(record->slot, record->session, record->key, NID_rsa, sigret, &len, der.data(), der.size());
+    int ok = p11_pkey_sign(record->slot, record->session, record->key, NID_rsa, sigret, &len, der.data(),
+                           der.size());
     if (ok) *siglen = static_cast<unsigned int>(len);
     return ok;
 }

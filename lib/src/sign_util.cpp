@@ -29,7 +29,8 @@ std::string write_pem(CMS_ContentInfo* cms) {
     ossl::bio_ptr out(BIO_new(BIO_s_mem()));
     if (!out) fail_openssl("error while allocating BIO memory buffer", P11_SITE);
     P11_DEBUG("writing PEM");
-    if (PEM_write_bio_CMS_stream(out.get(), cms, nullptr, 0) != 1) fail_openssl("error while writing PEM", P11_SITE);
+    if (PEM_write_bio_CMS_stream(out.get(), cms, nullptr, 0) != 1)
+        fail_openssl("error while writing PEM", P11_SITE);
     BUF_MEM* buffer = nullptr;
     BIO_get_mem_ptr(out.get(), &buffer);
     return std::string(buffer->data, strnlen(buffer->data, buffer->length));
