@@ -39,9 +39,7 @@ Memory measure() {
     return {m.uordblks + m.hblkhd, resident * static_cast<size_t>(sysconf(_SC_PAGESIZE))};
 }
 
-long delta(size_t before, size_t after) {
-    return static_cast<long>(after) - static_cast<long>(before);
-}
+long delta(size_t before, size_t after) { return static_cast<long>(after) - static_cast<long>(before); }
 
 // Prints the figures; false when the heap or RSS grew past its bound.
 bool report(const char* part, long count, const Memory& start, const Memory& end, size_t heapBound,

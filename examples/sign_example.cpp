@@ -20,9 +20,7 @@ namespace {
 
 // PKCS#11 pads its text fields with blanks; p11_utf8_to_local strips them. Its result lives
 // in a static buffer until the next call: copy it at once.
-std::string text(unsigned char* field, unsigned long size) {
-    return p11::p11_utf8_to_local(field, size);
-}
+std::string text(unsigned char* field, unsigned long size) { return p11::p11_utf8_to_local(field, size); }
 
 // Wide text (token and certificate names) to UTF-8, for printing.
 std::string utf8(const std::wstring& wide) {

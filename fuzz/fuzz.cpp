@@ -11,9 +11,9 @@
 #include <memory>
 
 #include "Certificate.h"
-#include "p11.h"
 #include "gost/gosthash.h"
 #include "gost/gosthash2012.h"
+#include "p11.h"
 
 static void check(bool ok) {
     if (!ok) std::abort();

@@ -87,9 +87,7 @@ const Expect kExpected[] = {
     {"end", "C_Finalize", 0, 0, "", "", false},
 };
 
-std::string name_of(const std::string& call) {
-    return call.substr(0, call.find(' '));
-}
+std::string name_of(const std::string& call) { return call.substr(0, call.find(' ')); }
 std::string hex(CK_RV rv) {
     char text[32];
     std::snprintf(text, sizeof text, "0x%lx", rv);
@@ -165,11 +163,7 @@ void sweep(const std::string& token, const std::string& label, bool stream) {
         }
 }
 
-TEST(Faults, OneShotRoad) {
-    sweep("zorvo-a", "rsa1", false);
-}
-TEST(Faults, StreamedRoad) {
-    sweep("zorvo-g", "gost2012_256", true);
-}
+TEST(Faults, OneShotRoad) { sweep("zorvo-a", "rsa1", false); }
+TEST(Faults, StreamedRoad) { sweep("zorvo-g", "gost2012_256", true); }
 
 }  // namespace

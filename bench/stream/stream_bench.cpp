@@ -106,19 +106,13 @@ void stream_signature(benchmark::State& state, size_t cert) {
     state.counters["peak_rss_growth_KiB"] = static_cast<double>(peak_rss_kib() - rssBefore);
 }
 
-void BM_Sha256Alone(benchmark::State& state) {
-    hash_alone(state, EVP_sha256());
-}
-void BM_StreamDetachedRsaSha256(benchmark::State& state) {
-    stream_signature(state, 0);
-}
+void BM_Sha256Alone(benchmark::State& state) { hash_alone(state, EVP_sha256()); }
+void BM_StreamDetachedRsaSha256(benchmark::State& state) { stream_signature(state, 0); }
 void BM_Streebog256Alone(benchmark::State& state) {
     Bench::get();
     hash_alone(state, digest_gost2012_256());
 }
-void BM_StreamDetachedGost2012Streebog256(benchmark::State& state) {
-    stream_signature(state, 1);
-}
+void BM_StreamDetachedGost2012Streebog256(benchmark::State& state) { stream_signature(state, 1); }
 
 BENCHMARK(BM_Sha256Alone)->Unit(benchmark::kMillisecond)->Repetitions(3)->ReportAggregatesOnly(true);
 BENCHMARK(BM_StreamDetachedRsaSha256)

@@ -16,9 +16,7 @@ struct Deleter {
     void operator()(T* p) const noexcept { Free(p); }
 };
 
-inline void bio_free(BIO* b) {
-    BIO_free_all(b);
-}
+inline void bio_free(BIO* b) { BIO_free_all(b); }
 
 using bio_ptr = std::unique_ptr<BIO, Deleter<BIO, bio_free>>;
 using bn_ptr = std::unique_ptr<BIGNUM, Deleter<BIGNUM, BN_free>>;

@@ -103,9 +103,7 @@ Certificate::~Certificate() {
     id.first.reset();
 }
 
-X509_PUBKEY* Certificate::get_public_key() const {
-    return X509_get_X509_PUBKEY(x509.get());
-}
+X509_PUBKEY* Certificate::get_public_key() const { return X509_get_X509_PUBKEY(x509.get()); }
 
 std::string convert_ASN1TIME(ASN1_TIME* time) {
     ossl::bio_ptr bio(BIO_new(BIO_s_mem()));

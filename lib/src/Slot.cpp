@@ -13,17 +13,13 @@ Slot::Slot(CK_SLOT_ID id, std::weak_ptr<Module> module) : id(id), info{}, module
     highFlags = static_cast<uint32_t>(info.flags >> 30);
 }
 
-Slot::~Slot() {
-    P11_DEBUG("Destructing slot: " << id);
-}
+Slot::~Slot() { P11_DEBUG("Destructing slot: " << id); }
 
 std::shared_ptr<Module> Slot::lockModule(const log_site& site) const {
     return lock_or_throw(module, 10, "failed to get module", site);
 }
 
-const CK_FUNCTION_LIST* Slot::operator->() const {
-    return lockModule(P11_SITE)->functionList();
-}
+const CK_FUNCTION_LIST* Slot::operator->() const { return lockModule(P11_SITE)->functionList(); }
 
 std::unique_ptr<CK_TOKEN_INFO> Slot::readTokenInfo() {
     auto owner = lockModule(P11_SITE);

@@ -101,9 +101,7 @@ std::locale utf8_locale() {
 
 }  // namespace
 
-void set_log_level(int level) {
-    logger.setLogLevel(level);
-}
+void set_log_level(int level) { logger.setLogLevel(level); }
 
 // log4cplus appenders are intrusively reference-counted: SharedAppenderPtr owns the raw pointer.
 void add_console_appender(bool logToStdErr, const std::string& pattern) {
@@ -264,9 +262,7 @@ char* p11_flag_names(flag_info* table, CK_FLAGS flags) {
     return flag_text;
 }
 
-char* p11_slot_info_flags(CK_FLAGS flags) {
-    return p11_flag_names(slot_flags, flags);
-}
+char* p11_slot_info_flags(CK_FLAGS flags) { return p11_flag_names(slot_flags, flags); }
 
 char* p11_utf8_to_local(unsigned char* text, unsigned long length) {
     local_text[0] = '\0';
@@ -281,6 +277,4 @@ char* p11_utf8_to_local(unsigned char* text, unsigned long length) {
 
 }  // namespace p11
 
-void OPENSSL_freeFunc(void* p) {
-    CRYPTO_free(p, __FILE__, __LINE__);
-}
+void OPENSSL_freeFunc(void* p) { CRYPTO_free(p, __FILE__, __LINE__); }

@@ -54,9 +54,7 @@ int p11_gost_pub_cmp(const EVP_PKEY* a, const EVP_PKEY* b) {
     return std::memcmp(bits_a, bits_b, static_cast<size_t>(len_b)) == 0 ? 1 : 0;
 }
 
-void p11_gost_pkey_free(EVP_PKEY* pk) {
-    OPENSSL_free(EVP_PKEY_get0(pk));
-}
+void p11_gost_pkey_free(EVP_PKEY* pk) { OPENSSL_free(EVP_PKEY_get0(pk)); }
 
 int p11_gost_pkey_asn1_ctrl_common(int md_nid, EVP_PKEY* pk, int op, long arg1, void* arg2) {
     switch (op) {
@@ -167,9 +165,7 @@ int p11_gost_pkey_meth_ctrl_2012_512(EVP_PKEY_CTX* ctx, int type, int p1, void* 
 }
 
 // The contexts carry no data of their own.
-int p11_gost_pkey_copy(EVP_PKEY_CTX*, const EVP_PKEY_CTX*) {
-    return 1;
-}
+int p11_gost_pkey_copy(EVP_PKEY_CTX*, const EVP_PKEY_CTX*) { return 1; }
 
 struct gost_row {
     int nid;

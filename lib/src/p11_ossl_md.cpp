@@ -33,9 +33,7 @@ int p11_mds(ENGINE* /*e*/, const EVP_MD** md, const int** nids, int nid) {
 namespace {
 
 // A digest that could not be built counts as a failed registration.
-int add_digest(const EVP_MD* md) {
-    return md && EVP_add_digest(md);
-}
+int add_digest(const EVP_MD* md) { return md && EVP_add_digest(md); }
 
 }  // namespace
 

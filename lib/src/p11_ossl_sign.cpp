@@ -11,9 +11,7 @@ namespace {
 thread_local CK_RV lastSignRv = CKR_OK;
 }  // namespace
 
-CK_RV last_sign_rv() noexcept {
-    return lastSignRv;
-}
+CK_RV last_sign_rv() noexcept { return lastSignRv; }
 
 int p11_pkey_sign(std::weak_ptr<Slot> slot, std::weak_ptr<Session> session, CK_OBJECT_HANDLE key, int nid,
                   unsigned char* sig, size_t* siglen, const unsigned char* tbs, size_t tbslen) {

@@ -65,9 +65,7 @@ inline std::string env(const std::string& key) {
 }
 
 /// Every signature in a test process claims the engine; the one-shot path never gives it back.
-inline void free_engine() {
-    p11::engine_in_use = false;
-}
+inline void free_engine() { p11::engine_in_use = false; }
 
 /// The test provider's rules for the next module it loads, with or without its GOST identities;
 /// its call log starts afresh, and so does the engine.

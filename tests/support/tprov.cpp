@@ -69,12 +69,8 @@ std::map<CK_SESSION_HANDLE, std::vector<CK_OBJECT_HANDLE>> pending;
 std::map<CK_SESSION_HANDLE, CK_OBJECT_HANDLE> signing;
 CK_OBJECT_HANDLE lastFound = 0;
 
-unsigned long number(const std::string& s) {
-    return std::strtoul(s.c_str(), nullptr, 0);
-}
-bool has(const char* option) {
-    return options.count(option) != 0;
-}
+unsigned long number(const std::string& s) { return std::strtoul(s.c_str(), nullptr, 0); }
+bool has(const char* option) { return options.count(option) != 0; }
 
 void configure() {
     rules.clear();

@@ -5,9 +5,7 @@
 namespace zs {
 namespace {
 
-std::string field(unsigned char* text, unsigned long length) {
-    return p11::p11_utf8_to_local(text, length);
-}
+std::string field(unsigned char* text, unsigned long length) { return p11::p11_utf8_to_local(text, length); }
 
 bool matches(const std::map<std::string, std::string>& wanted,
              const std::map<std::string, std::string>& texts) {
@@ -82,9 +80,7 @@ Bytes cert_id(p11::Certificate& c) {
     return Bytes(id.first.get(), id.first.get() + id.second);
 }
 
-std::string describe_token(const Token& t) {
-    return "token \"" + printable(t.label()) + "\"";
-}
+std::string describe_token(const Token& t) { return "token \"" + printable(t.label()) + "\""; }
 
 std::vector<std::pair<std::string, std::string>> ordered(const p11::name_map& name) {
     static const std::vector<std::string> order = {"CN",     "GN", "SN", "title", "OU",          "O",

@@ -206,13 +206,9 @@ void gost_destroy(gost_ctx* c) {
     for (size_t i = 0; i < sizeof(*c); ++i) p[i] = 0;
 }
 
-void gostcrypt(const gost_ctx* c, const byte* in, byte* out) {
-    encrypt_block(c, in, out);
-}
+void gostcrypt(const gost_ctx* c, const byte* in, byte* out) { encrypt_block(c, in, out); }
 
-void gostdecrypt(const gost_ctx* c, const byte* in, byte* out) {
-    decrypt_block(c, in, out);
-}
+void gostdecrypt(const gost_ctx* c, const byte* in, byte* out) { decrypt_block(c, in, out); }
 
 void gost_enc_with_key(gost_ctx* c, const byte* key, const byte* in, byte* out) {
     gost_key(c, key);

@@ -20,9 +20,7 @@ static_assert(sizeof(gost_md_data) == 4248, "the digest's context data size is f
 
 EVP_MD* popenssl_digest_gost = nullptr;
 
-gost_md_data* data_of(const EVP_MD_CTX* ctx) {
-    return static_cast<gost_md_data*>(EVP_MD_CTX_md_data(ctx));
-}
+gost_md_data* data_of(const EVP_MD_CTX* ctx) { return static_cast<gost_md_data*>(EVP_MD_CTX_md_data(ctx)); }
 
 int gost_digest_init(EVP_MD_CTX* ctx) {
     gost_md_data* c = data_of(ctx);
@@ -36,9 +34,7 @@ int gost_digest_update(EVP_MD_CTX* ctx, const void* data, size_t count) {
     return hash_block(&data_of(ctx)->dctx, static_cast<const byte*>(data), count);
 }
 
-int gost_digest_final(EVP_MD_CTX* ctx, unsigned char* md) {
-    return finish_hash(&data_of(ctx)->dctx, md);
-}
+int gost_digest_final(EVP_MD_CTX* ctx, unsigned char* md) { return finish_hash(&data_of(ctx)->dctx, md); }
 
 int gost_digest_copy(EVP_MD_CTX* to, const EVP_MD_CTX* from) {
     gost_md_data* dst = data_of(to);

@@ -63,13 +63,9 @@ int micalg_ctrl(int type, void* ptr, const char (&text)[19]) {
     return 1;
 }
 
-int gost_digest_ctrl_256(EVP_MD_CTX*, int type, int, void* ptr) {
-    return micalg_ctrl(type, ptr, micalg_256);
-}
+int gost_digest_ctrl_256(EVP_MD_CTX*, int type, int, void* ptr) { return micalg_ctrl(type, ptr, micalg_256); }
 
-int gost_digest_ctrl_512(EVP_MD_CTX*, int type, int, void* ptr) {
-    return micalg_ctrl(type, ptr, micalg_512);
-}
+int gost_digest_ctrl_512(EVP_MD_CTX*, int type, int, void* ptr) { return micalg_ctrl(type, ptr, micalg_512); }
 
 EVP_MD* build(EVP_MD*& cache, int nid, int result_size, int (*init)(EVP_MD_CTX*),
               int (*ctrl)(EVP_MD_CTX*, int, int, void*)) {
@@ -106,12 +102,8 @@ const EVP_MD* digest_gost2012_512() {
                  gost_digest_ctrl_512);
 }
 
-void digest_gost2012_256_destroy() {
-    destroy(_hidden_GostR3411_2012_256_md);
-}
+void digest_gost2012_256_destroy() { destroy(_hidden_GostR3411_2012_256_md); }
 
-void digest_gost2012_512_destroy() {
-    destroy(_hidden_GostR3411_2012_512_md);
-}
+void digest_gost2012_512_destroy() { destroy(_hidden_GostR3411_2012_512_md); }
 
 }  // extern "C"

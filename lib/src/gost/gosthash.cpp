@@ -21,9 +21,7 @@ GOST_INLINE uint64_t load64(const byte* p) {
     return v;
 }
 
-GOST_INLINE void store64(byte* p, uint64_t v) {
-    memcpy(p, &v, 8);
-}
+GOST_INLINE void store64(byte* p, uint64_t v) { memcpy(p, &v, 8); }
 
 struct u256 {
     uint64_t w[4];
@@ -38,9 +36,7 @@ GOST_INLINE void store256(byte* p, const u256& v) {
 }
 
 // A: Y = y4|y3|y2|y1 (64-bit pieces) becomes (y1 ^ y2)|y4|y3|y2.
-GOST_INLINE u256 A(const u256& y) {
-    return {{y.w[1], y.w[2], y.w[3], y.w[0] ^ y.w[1]}};
-}
+GOST_INLINE u256 A(const u256& y) { return {{y.w[1], y.w[2], y.w[3], y.w[0] ^ y.w[1]}}; }
 
 // P, the byte transposition phi(i + 1 + 4(k - 1)) = 8i + k, read as cipher key words: key word k
 // collects byte k of each of the four 64-bit words.
@@ -166,9 +162,7 @@ GOST_INLINE void add256(u256& s, const u256& m) {
 
 }  // namespace
 
-void hash_step(const gost_ctx* c, byte* H, const byte* M) {
-    store256(H, step(c, load256(H), load256(M)));
-}
+void hash_step(const gost_ctx* c, byte* H, const byte* M) { store256(H, step(c, load256(H), load256(M))); }
 
 int init_gost_hash_ctx(gost_hash_ctx* ctx, const gost_subst_block* subst_block) {
     memset(ctx, 0, sizeof(*ctx));

@@ -414,9 +414,7 @@ bool gost2012_use_vector(bool enable) {
     return active() != &plain_code;
 }
 
-const char* gost2012_implementation() {
-    return active()->name;
-}
+const char* gost2012_implementation() { return active()->name; }
 
 void g(uint512_u* h, const uint512_u* N, const unsigned char* m) {
     uint64_t w[8];
