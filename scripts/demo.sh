@@ -77,12 +77,12 @@ doc=$out/sample.txt
 printf 'A sample document, signed by zorvo-sign on %s.\n' "$(date -u '+%Y-%m-%d %H:%M UTC')" >"$doc"
 export ZORVO_PIN=$pin  # in a script; interactively zorvo-sign asks without echo
 
-step "Signing $doc, attached, in one call"
+step "Signing $doc, attached"
 "$tool" sign --module "$module" --token "$label" --cert "$cert_label" --in "$doc" --out "$out/sample.attached.pem"
 
-step "Signing $doc, detached, streamed"
+step "Signing $doc, detached"
 "$tool" sign --module "$module" --token "$label" --cert "$cert_label" --in "$doc" \
-  --out "$out/sample.detached.pem" --detached --stream
+  --out "$out/sample.detached.pem" --detached
 
 step "Verifying both signatures with openssl cms -verify"
 verify=(openssl cms -verify -binary -inform PEM -CAfile "$token_dir/signer.crt.pem" -purpose any)

@@ -14,13 +14,18 @@ const Identity kIdentities[] = {{"rsa1", "zorvo-a", "SHA256"},
                                 {"gost2012_256", "zorvo-g", "md_gost12_256"},
                                 {"gost2012_512", "zorvo-g", "md_gost12_512"}};
 
-std::string sign(fx::Road& road, bool stream, bool attached, const std::string& data) {
+enum Mode { kOneShot, kStreamed, kSink };  // kSink: the signature streams out as it is made
+
+std::string sign(fx::Road& road, Mode mode, bool attached, const std::string& data) {
     fx::free_engine();
-    if (!stream) return road.cert->signOnIt(road.login(), data.c_str(), attached);
-    auto signer = road.cert->startSigning(road.login(), attached);
-    for (size_t at = 0; at < data.size(); at += 1000)
-        signer->addData(data.data() + at, int(std::min<size_t>(1000, data.size() - at)));
-    return signer->finish();
+    if (mode == kOneShot) return road.cert->signOnIt(road.login(), data.c_str(), attached);
+    std::string out;
+    auto collect = [&out](const char* p, size_t n) { return out.append(p, n), true; };
+    auto signer = mode == kSink ? road.cert->startSigning(road.login(), attached, collect)
+                                : road.cert->startSigning(road.login(), attached);
+    for (size_t at = 0; at < data.size(); at += 65536)
+        signer->addBytes(data.data() + at, std::min<size_t>(65536, data.size() - at));
+    return signer->finish() + out;
 }
 
 // Whether the signature is detached, and the DER of its signing-certificate-v2 attribute ("" without one).
@@ -47,17 +52,20 @@ TEST_P(Signing, VerifiesElsewhereAndCoversExactlyTheData) {
     const bool gost = id.token == std::string("zorvo-g");
     fx::provider("", gost);
     fx::Road road(id.token, id.label);
-    std::string big(70000, '\0');
+    std::string big(3 * 65536 + 48, '\0');
     for (size_t i = 0; i < big.size(); ++i) big[i] = char(i * 7);
     const struct {
-        bool stream;
+        Mode mode;
         std::string data, covered;
-    } rows[] = {{false, "Документ\n", "Документ\n"},
-                {false, std::string("abc\0def", 7), "abc"},
-                {false, "", ""},
-                {true, "Документ\n", "Документ\n"},
-                {true, big, big},
-                {true, "", ""}};
+    } rows[] = {{kOneShot, "Документ\n", "Документ\n"},
+                {kOneShot, std::string("abc\0def", 7), "abc"},
+                {kOneShot, "", ""},
+                {kStreamed, big, big},
+                {kStreamed, "", ""},
+                {kSink, "Документ\n", "Документ\n"},
+                {kSink, big, big},
+                {kSink, big.substr(0, 65536), big.substr(0, 65536)},
+                {kSink, "", ""}};
     unsigned char *der = nullptr, hash[EVP_MAX_MD_SIZE];
     unsigned len = 0;
     const int derLen = i2d_X509(road.cert->getX509(), &der);
@@ -65,9 +73,9 @@ TEST_P(Signing, VerifiesElsewhereAndCoversExactlyTheData) {
     OPENSSL_free(der);
     for (const auto& r : rows)
         for (bool attached : {true, false}) {
-            SCOPED_TRACE(std::string(r.stream ? "streamed " : "one-shot ") +
-                         (attached ? "attached " : "detached ") + std::to_string(r.data.size()));
-            const std::string pem = sign(road, r.stream, attached, r.data);
+            SCOPED_TRACE("mode " + std::to_string(r.mode) + (attached ? " attached " : " detached ") +
+                         std::to_string(r.data.size()));
+            const std::string pem = sign(road, r.mode, attached, r.data);
             // The gost engine's GOST R 34.11-94 of the empty message is not the published one.
             if (r.covered.size() || id.certHash != std::string("md_gost94")) {
                 EXPECT_EQ(fx::verify(pem, road.cert->getX509(), attached ? nullptr : &r.covered, gost),
@@ -76,14 +84,14 @@ TEST_P(Signing, VerifiesElsewhereAndCoversExactlyTheData) {
             const auto [detached, attribute] = inspect(pem);
             EXPECT_EQ(detached, !attached);
             EXPECT_EQ(attribute.find(std::string(reinterpret_cast<char*>(hash), len)) != std::string::npos,
-                      r.stream);
+                      r.mode != kOneShot);
         }
 }
 
 TEST(Signing, TheEngineHasOneSignatureAtATime) {
     fx::provider();
     fx::Road road("zorvo-a", "rsa1");
-    sign(road, false, true, "x");
+    sign(road, kOneShot, true, "x");
     EXPECT_P11(road.cert->startSigning(road.login(), true), 300, "error while locking OPENSSL P11 engine");
     fx::free_engine();
     auto first = road.cert->startSigning(road.login(), true);
@@ -93,34 +101,49 @@ TEST(Signing, TheEngineHasOneSignatureAtATime) {
     EXPECT_NO_THROW(road.cert->startSigning(road.login(), true)->finish());
 }
 
-TEST(Signing, CancelOnTheTokenAndTheNextMessage) {
-    fx::provider("C_Sign@1=0x1,C_Sign@4=0x1", true);
+// Whatever fails in a message, the signer is ready for the next one; a signature that could not be
+// written whole fails; a cancel in one call is told by the token's answer.
+TEST(Signing, FailedMessagesAndTheNextOne) {
+    fx::provider("C_Sign@1=0x1,C_Sign@3=0x1,C_Sign@5=0x6,C_Sign@7=0x1", true);
     fx::Road road("zorvo-g", "gost2012_256");
-    fx::free_engine();
-    auto signer = road.cert->startSigning(road.login(), true);
-    signer->addData("lost", 4);
-    EXPECT_P11(signer->finish(), 501, "user cancel operation");
-    signer->addData("kept", 4);
-    std::string first = signer->finish();
-    signer->addData("next", 4);
-    EXPECT_EQ(fx::verify(first, road.cert->getX509(), nullptr, true), "kept");
-    EXPECT_EQ(fx::verify(signer->finish(), road.cert->getX509(), nullptr, true), "next");
-    signer.reset();
-    EXPECT_P11(sign(road, false, true, "x"), 300, "error while signing finalization");  // the fourth C_Sign
+    const std::string big(100000, 'x');
+    for (bool toSink : {false, true}) {
+        fx::free_engine();
+        std::string out;
+        size_t room = 0;  // what the sink takes before it refuses
+        auto sink = [&](const char* p, size_t n) { return n <= room && (out.append(p, n), room -= n, true); };
+        auto signer = toSink ? road.cert->startSigning(road.login(), true, sink)
+                             : road.cert->startSigning(road.login(), true);
+        auto next = [&](const std::string& data, size_t space = size_t(1) << 30) {
+            out.clear();
+            room = space;
+            signer->addBytes(data.data(), data.size());
+            return signer->finish() + out;
+        };
+        EXPECT_P11(next("cancelled"), 501, "user cancel operation");
+        EXPECT_EQ(fx::verify(next("kept"), road.cert->getX509(), nullptr, true), "kept");
+        if (!toSink) continue;
+        EXPECT_P11(signer->addBytes(nullptr, 1), 300, "error while adding data");
+        EXPECT_P11(next(big, 1000), 300, "error while writing PEM");
+        EXPECT_P11(next("refused by the token"), 300, "error while signing finalization");
+        EXPECT_EQ(fx::verify(next("next"), road.cert->getX509(), nullptr, true), "next");
+    }
+    EXPECT_P11(sign(road, kOneShot, true, "x"), 300, "error while signing finalization");
+    EXPECT_EQ(p11::last_sign_rv(), CKR_CANCEL);
 }
 
 TEST(Signing, KeysTheLibraryCannotUseOrFind) {
     fx::provider("gostlong", true);  // each GOST key under another id than its certificate
     fx::Road road("zorvo-g", "gost2001");
-    EXPECT_EQ(fx::verify(sign(road, true, true, "long way"), road.cert->getX509(), nullptr, true),
+    EXPECT_EQ(fx::verify(sign(road, kStreamed, true, "long way"), road.cert->getX509(), nullptr, true),
               "long way");
     for (auto& c : *road.certs)
         if (c->getLabel() == "gost2012_512") road.cert = c;
-    EXPECT_P11(sign(road, false, true, "x"), 108, "failed to find a private key");
+    EXPECT_P11(sign(road, kOneShot, true, "x"), 108, "failed to find a private key");
 
     fx::provider();
     fx::Road ec("zorvo-a", "ec1");
-    EXPECT_P11(sign(ec, false, true, "x"), 110, "CKK_EC private key type is unsupported");
+    EXPECT_P11(sign(ec, kOneShot, true, "x"), 110, "CKK_EC private key type is unsupported");
 }
 
 }  // namespace

@@ -63,20 +63,20 @@ done <<EOF
 0||zs list $m --token zorvo-a||grep -qxF '    serial:     4097' stdout && grep -qxF '    key usage:  digitalSignature, nonRepudiation' stdout || fail "list: \$(cat stdout)"
 0||zs list $m --token zorvo-a --json||python3 -m json.tool stdout >/dev/null && grep -qF '"label":"rsa1","id":"01"' stdout || fail "json: \$(cat stdout)"
 5||zs list $m --token nope|zorvo-sign: no token labelled "nope"|
-0||zs $s $m --cert rsa1 --token zorvo-a||check attached rsa1
+0||zs $s $m --cert rsa1 --token zorvo-a --one-shot||check attached rsa1
 0||zs $s $m --cert label:rsa2 --token zorvo-a --detached||check detached rsa2
 0||zs $s $m --cert id:01 --token zorvo-a --stream||check attached rsa1
 0||zs $s $m --cert '$uri' --stream --detached||check detached rsa1
 0||zs sign $m --cert '$uri' --in - --out out.pem --stream --detached <big.bin||check detached rsa1 big.bin
-0||zs sign $m --cert '$uri' --in nul.bin --out out.pem --stream||check attached rsa1 nul.bin
+0||zs sign $m --cert '$uri' --in nul.bin --out out.pem||check attached rsa1 nul.bin
 0||zs $s $m --cert '$uri' --pin-file pin.txt||check attached rsa1
 0||MY_PIN=$PIN zs $s $m --cert '$uri' --pin-env MY_PIN||check attached rsa1
-0||zs $s $t --cert gost2001||check attached gost2001
+0||zs $s $t --cert gost2001 --one-shot||check attached gost2001
 0||zs $s $t --cert gost2012_256 --stream --detached||check detached gost2012_256
 0||zs $s $t --cert id:23 --stream||check attached gost2012_512
 2||zs $s $m --cert '$uri' --pin-env NO_SUCH_PIN|zorvo-sign: no PIN: the variable NO_SUCH_PIN is not set|
 2||zs $s $m --cert 'pkcs11:slot-id=1'|zorvo-sign: --cert: URI attribute not supported: slot-id|
-3||zs sign $m --cert rsa1 --in nul.bin --out out.pem|zorvo-sign: nul.bin contains a NUL byte, which one-shot signing cannot sign: use --stream|
+3||zs sign $m --cert '$uri' --in nul.bin --out out.pem --one-shot|zorvo-sign: nul.bin contains a NUL byte, which one-shot signing cannot sign: leave --one-shot out|
 3||zs sign $m --cert rsa1 --in none --out out.pem|zorvo-sign: cannot read none: No such file or directory|
 4||zs $s --module ./none.so --cert rsa1|zorvo-sign: cannot load the PKCS#11 provider (100: failed to load p11 module)|
 4|C_Initialize@1=0x6|zs $s $t --cert gost2001|zorvo-sign: cannot initialise the PKCS#11 provider (101: failed to initialize p11 module)|
@@ -89,7 +89,7 @@ done <<EOF
 9||zs $s $m --cert ec1|zorvo-sign: unsupported key type (110: CKK_EC private key type is unsupported)|
 11|C_SignInit@1=0x6|zs $s $t --cert gost2001|zorvo-sign: signing failed (300: error while signing finalization)|
 12|C_Sign@1=0x1|zs $s $t --cert gost2001 --stream|zorvo-sign: signature cancelled on the token (501: user cancel operation)|
-12|C_Sign@1=0x1|zs $s $t --cert gost2001|zorvo-sign: signature cancelled on the token (300: error while signing finalization)|
+12|C_Sign@1=0x1|zs $s $t --cert gost2001 --one-shot|zorvo-sign: signature cancelled on the token (300: error while signing finalization)|
 0||zs $s $m --cert '$uri' --out -|Signed doc.txt (39 bytes) * standard output (attached)|cp stdout out.pem && check attached rsa1
 0||zs $s $m --cert '$uri' --out private.pem||[ "\$(stat -c %a private.pem)" = 600 ] || fail "mode lost"; cp private.pem out.pem && check attached rsa1
 0||zs $s $m --cert '$uri' --out link.pem||[ -L link.pem ] && cp target.pem out.pem && check attached rsa1 || fail "link replaced"
@@ -100,7 +100,8 @@ done <<EOF
 3||zs $s $m --cert '$uri' --out dir.pem|zorvo-sign: cannot write dir.pem: a directory|
 3||zs sign $m --cert '$uri' --in doc.txt --out hard.txt|zorvo-sign: cannot write hard.txt: it is the input|
 3||zs sign $m --cert '$uri' --in - --out doc.txt <doc.txt|zorvo-sign: cannot write doc.txt: it is the input|cmp -s doc.txt hard.txt || fail "input changed"
-3||zs sign $m --cert '$uri' --in /dev/zero --out out.pem|zorvo-sign: /dev/zero is larger than one-shot signing takes (64 MiB): use --stream|
+3||zs sign $m --cert '$uri' --in /dev/zero --out out.pem --one-shot|zorvo-sign: /dev/zero is larger than one-shot signing takes (64 MiB): leave --one-shot out|
+2||zs $s $m --cert rsa1 --stream --one-shot|zorvo-sign: --stream and --one-shot exclude each other|
 0||(cd plant && LD_DEBUG=libs zs --version)|*|! grep -q 'trying file=\./' stderr || fail "looked in the current directory"
 4||(cd plant && zs list --module libplanted.so)|zorvo-sign: cannot load the PKCS#11 provider (100: failed to load p11 module)|
 2||ZORVO_PIN= zs $s $t --cert gost2001|zorvo-sign: empty PIN in ZORVO_PIN: not sent to the token|! grep -qs C_Login calls.log || fail "the token saw the PIN"

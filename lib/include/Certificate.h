@@ -1,5 +1,6 @@
 #pragma once
 #include <bitset>
+#include <functional>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -62,6 +63,9 @@ public:
     /// Starts a streaming signer that owns the login until it is destroyed.
     /// Throws process_error 12, 300 (engine busy) or the key lookup's codes.
     std::shared_ptr<Signer> startSigning(std::unique_ptr<Session::LoginToken> token, bool attached);
+    /// The same, with the signature streaming out to `sink` as the data goes in (see Signer).
+    std::shared_ptr<Signer> startSigning(std::unique_ptr<Session::LoginToken> token, bool attached,
+                                         std::function<bool(const char*, size_t)> sink);
 
 private:
     std::string label;

@@ -1,4 +1,7 @@
 #pragma once
+#include <cstddef>
+#include <functional>
+#include <iosfwd>
 #include <memory>
 #include <string>
 
@@ -14,16 +17,32 @@ extern "C" ZORVO_API const char* ESS_OBJ_SN;
 namespace p11 {
 
 class Certificate;
+struct signer_sink;
+
+/// Where a signature goes as it is made, when the signer streams its output: called with each
+/// piece of the PEM text, in order. Returns false when it could not take them all; the message
+/// then fails with 300 "error while writing PEM" (and what the sink got of it is to be dropped).
+using pem_sink = std::function<bool(const char* data, size_t size)>;
+/// A sink that writes to `out`, which must outlive the signer; false once `out` has failed.
+ZORVO_API pem_sink sink_to(std::ostream& out);
 
 /// Signs data that arrives in pieces; made by Certificate::startSigning. Owns the
 /// process-wide signing engine from construction to destruction (only one Signer, and no
 /// one-shot signature, at a time) and the login, which ends when the Signer is destroyed.
 /// After finish() it is ready for the next message. Not safe for concurrent calls.
+///
+/// With a sink, the signature streams out while the data goes in: the PEM header and (attached)
+/// the content reach the sink as addData/addBytes take them, finish() sends the rest and returns
+/// an empty string. Memory does not grow with the data. After a failure of the message (501, or
+/// 300 from a write or the signing itself) the signer is ready for a fresh message.
 class ZORVO_API Signer : public std::enable_shared_from_this<Signer> {
 public:
     /// Throws process_error 300 when the engine is taken, or the errors of init().
     Signer(std::shared_ptr<Session> session, std::unique_ptr<Session::LoginToken> token,
            std::shared_ptr<Certificate> certificate, bool attached);
+    /// The same, streaming the signature to `sink`.
+    Signer(std::shared_ptr<Session> session, std::unique_ptr<Session::LoginToken> token,
+           std::shared_ptr<Certificate> certificate, bool attached, pem_sink sink);
     ~Signer();
     Signer(const Signer&) = delete;
     Signer& operator=(const Signer&) = delete;
@@ -32,6 +51,10 @@ public:
     void init();
     /// Feeds `length` bytes of the message.
     void addData(const char* data, int length);
+    /// Feeds `length` bytes of the message, any number. Throws process_error 300 "error while
+    /// adding data" for null data with a length, 300 "error while writing PEM" when the sink
+    /// refuses what goes through to it.
+    void addBytes(const void* data, size_t length);
     /// Signs the message fed so far and returns a PEM "CMS" block; then readies the next one.
     /// Throws process_error 501 "user cancel operation" (ready for a fresh message) or 300.
     std::string finish();
@@ -46,6 +69,9 @@ private:
     ossl::evp_pkey_ptr pkey;
     ossl::bio_ptr data_bio;  // the CMS data chain; released with the message
     ossl::cms_ptr cms;
+    std::unique_ptr<signer_sink> sink;  // null: the PEM comes back from finish()
+    /// After a failed message in streaming mode: a fresh one, then process_error(code, message).
+    [[noreturn]] void rearm_and_throw(int code, const char* message);
 };
 
 }  // namespace p11

@@ -41,10 +41,15 @@ std::string Certificate::signOnIt(std::unique_ptr<Session::LoginToken> token, co
 }
 
 std::shared_ptr<Signer> Certificate::startSigning(std::unique_ptr<Session::LoginToken> token, bool attached) {
+    return startSigning(std::move(token), attached, nullptr);
+}
+
+std::shared_ptr<Signer> Certificate::startSigning(std::unique_ptr<Session::LoginToken> token, bool attached,
+                                                  pem_sink sink) {
     P11_DEBUG("start signing on a certificate");
     auto s = lock_or_throw(session, 12, "failed to get session", P11_SITE);
     auto self = shared_from_this();
-    return std::make_shared<Signer>(s, std::move(token), self, attached);
+    return std::make_shared<Signer>(s, std::move(token), self, attached, std::move(sink));
 }
 
 }  // namespace p11

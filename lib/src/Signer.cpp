@@ -1,5 +1,7 @@
 #include "Signer.h"
 
+#include <climits>
+#include <ostream>
 #include <vector>
 
 #include <openssl/asn1.h>
@@ -116,11 +118,68 @@ void add_signing_certificate(CMS_SignerInfo* si, EVP_PKEY* key, X509* cert) {
         fail_openssl("error while ESS certIdv2 adding", P11_SITE);
 }
 
+const char kPemBegin[] = "-----BEGIN CMS-----\n";
+const char kPemEnd[] = "-----END CMS-----\n";
+
 }  // namespace
+
+/// The host's sink, and whether it has refused anything of the current message.
+struct signer_sink {
+    pem_sink write;
+    bool failed = false;   // it refused something of this message
+    bool begun = false;    // the PEM header has gone out
+    bool content = false;  // some data of this message went in
+    // A raw write; no exception may leave it, as OpenSSL calls it too.
+    bool send(const char* data, size_t size) noexcept {
+        try {
+            failed = failed || !write(data, size);
+        } catch (...) {
+            failed = true;
+        }
+        return !failed;
+    }
+    // What the streaming chain writes, after the PEM header.
+    bool take(const char* data, size_t size) noexcept {
+        if (!begun) begun = send(kPemBegin, sizeof kPemBegin - 1);
+        return send(data, size);
+    }
+};
+
+namespace {
+
+// A BIO that hands what is written to it to the sink.
+BIO_METHOD* sink_method() {
+    static BIO_METHOD* method = [] {
+        BIO_METHOD* m = BIO_meth_new(BIO_get_new_index() | BIO_TYPE_SOURCE_SINK, "zorvo PEM sink");
+        BIO_meth_set_write(m, [](BIO* b, const char* data, int length) -> int {
+            return static_cast<signer_sink*>(BIO_get_data(b))->take(data, static_cast<size_t>(length))
+                       ? length
+                       : -1;
+        });
+        BIO_meth_set_ctrl(m,
+                          [](BIO*, int cmd, long, void*) -> long { return cmd == BIO_CTRL_FLUSH ? 1 : 0; });
+        BIO_meth_set_create(m, [](BIO* b) -> int { return BIO_set_init(b, 1), 1; });
+        return m;
+    }();
+    return method;
+}
+
+}  // namespace
+
+pem_sink sink_to(std::ostream& out) {
+    return [&out](const char* data, size_t size) {
+        return static_cast<bool>(out.write(data, static_cast<std::streamsize>(size)));
+    };
+}
 
 Signer::Signer(std::shared_ptr<Session> session, std::unique_ptr<Session::LoginToken> token,
                std::shared_ptr<Certificate> certificate, bool attached)
+    : Signer(std::move(session), std::move(token), std::move(certificate), attached, nullptr) {}
+
+Signer::Signer(std::shared_ptr<Session> session, std::unique_ptr<Session::LoginToken> token,
+               std::shared_ptr<Certificate> certificate, bool attached, pem_sink output)
     : session(session), certificate(certificate), attached(attached) {
+    if (output) sink = std::make_unique<signer_sink>(signer_sink{std::move(output), false});
     claim_engine(session, P11_SITE);
     login_token = std::move(token);
     try {
@@ -153,7 +212,23 @@ void Signer::init() {
     CMS_SignerInfo* si = CMS_add1_signer(newCms.get(), signerCert.get(), key.get(), nullptr, flags);
     if (si == nullptr) fail_openssl("error while signer adding", P11_SITE);
     add_signing_certificate(si, key.get(), c->getX509());
-    data_bio.reset(CMS_dataInit(newCms.get(), nullptr));
+    if (sink) *sink = signer_sink{std::move(sink->write)};
+    if (sink && attached) {
+        // PEM as OpenSSL streams it: base64 of the DER as it is produced, the content inside.
+        // The base64 filter writes a line at a time: the sink gets them 64 KiB at a time.
+        ossl::bio_ptr out(BIO_new(sink_method()));
+        ossl::bio_ptr buffer(BIO_new(BIO_f_buffer()));
+        BIO* base64 = BIO_new(BIO_f_base64());
+        if (!out || !buffer || !base64 || BIO_set_write_buffer_size(buffer.get(), 64 * 1024) != 1)
+            fail_openssl("error while allocating BIO memory buffer", P11_SITE);
+        BIO_set_data(out.get(), sink.get());
+        BIO* chain = BIO_push(base64, BIO_push(buffer.release(), out.release()));
+        data_bio.reset(BIO_new_CMS(chain, newCms.get()));
+        if (!data_bio) BIO_free_all(chain);
+    } else {
+        // Detached, the data only goes through the digest: nothing to stream before the end.
+        data_bio.reset(CMS_dataInit(newCms.get(), nullptr));
+    }
     cms = std::move(newCms);
     pkey.reset(key.release());
     P11_DEBUG("Adding CertID Algorithm Agility is completed");
@@ -166,6 +241,30 @@ void Signer::addData(const char* data, int length) {
         throw process_error(300, "signer is not initialized");
     }
     BIO_write(data_bio.get(), data, length);
+    if (sink && length > 0) sink->content = true;
+}
+
+void Signer::addBytes(const void* data, size_t length) {
+    if (data == nullptr && length > 0) {
+        P11_ERROR("no data for " << length << " bytes");
+        throw process_error(300, "error while adding data");
+    }
+    const char* p = static_cast<const char*>(data);
+    for (size_t done = 0; done < length;) {
+        const int piece = static_cast<int>(std::min<size_t>(length - done, INT_MAX));
+        addData(p + done, piece);
+        if (sink && sink->failed) {
+            P11_ERROR("error while writing PEM: the sink refused the output");
+            rearm_and_throw(300, "error while writing PEM");
+        }
+        done += static_cast<size_t>(piece);
+    }
+}
+
+void Signer::rearm_and_throw(int code, const char* message) {
+    reset();
+    init();
+    throw process_error(code, message);
 }
 
 std::string Signer::finish() {
@@ -174,20 +273,37 @@ std::string Signer::finish() {
         P11_ERROR("signer is not initialized");
         throw process_error(300, "signer is not initialized");
     }
-    (void)BIO_flush(data_bio.get());
-    if (CMS_dataFinal(cms.get(), data_bio.get()) != 1) {
+    // Streaming out, the flush signs and sends the rest down the chain. It cannot start an empty
+    // content, which is then written in one piece as the other ways do.
+    const bool streaming = sink && attached && sink->content;
+    if (sink && attached && !streaming) (*CMS_get0_content(cms.get()))->flags &= ~ASN1_STRING_FLAG_NDEF;
+    const bool done = streaming ? !sink->failed && BIO_flush(data_bio.get()) == 1
+                                : (BIO_flush(data_bio.get()), CMS_dataFinal(cms.get(), data_bio.get()) == 1);
+    if (!done && sink && sink->failed) {
+        P11_ERROR("error while writing PEM: the sink refused the output");
+        rearm_and_throw(300, "error while writing PEM");
+    }
+    if (!done) {
         const unsigned long e = log_openssl_error("error while signing finalization", P11_SITE);
         if ((e & 0xFFF) == CKR_CANCEL) {
             reset();
             init();
             throw process_error(501, "user cancel operation");
         }
+        if (sink) rearm_and_throw(300, "error while signing finalization");
         throw process_error(300, "error while signing finalization");
     }
-    std::string pem = write_pem(cms.get());
+    // The signature is made: whatever happens to its output, the next message is ready.
+    const std::string pem = streaming ? std::string() : write_pem(cms.get());
+    const bool written =
+        !sink || (streaming ? sink->take(kPemEnd, sizeof kPemEnd - 1) : sink->send(pem.data(), pem.size()));
     reset();
     init();
-    return pem;
+    if (!written) {
+        P11_ERROR("error while writing PEM: the sink refused the output");
+        throw process_error(300, "error while writing PEM");
+    }
+    return sink ? std::string() : pem;
 }
 
 void Signer::reset() {

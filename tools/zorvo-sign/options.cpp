@@ -17,7 +17,7 @@ namespace zs {
 const char kUsageText[] =
     "usage: zorvo-sign list --module PROVIDER [--token LABEL] [--json]\n"
     "       zorvo-sign sign --module PROVIDER --cert SELECTOR --in FILE --out FILE.pem\n"
-    "                       [--detached] [--stream] [--token LABEL] [--pin-env NAME | --pin-file FILE]\n"
+    "                       [--detached] [--one-shot] [--token LABEL] [--pin-env NAME | --pin-file FILE]\n"
     "       both also take [--log FILE] [--log-level debug|info|warn|error]\n"
     "       zorvo-sign --help | --version\n";
 
@@ -38,8 +38,10 @@ const char kHelpText[] =
     "                     all and keeps the old one's mode; a link is followed; a device or a\n"
     "                     pipe is written into; never the input\n"
     "  --detached         leave the data out of the signature (default: attached)\n"
-    "  --stream           sign in 64 KiB pieces: any size, any bytes (one-shot signing refuses\n"
-    "                     input with NUL bytes); adds the signing-certificate-v2 attribute\n"
+    "  --one-shot         sign in one call, as the library's signOnIt does: the whole input in\n"
+    "                     memory (at most 64 MiB), no NUL bytes, no signing-certificate-v2\n"
+    "                     attribute. Otherwise the signature streams: any size, any bytes, in\n"
+    "                     constant memory (--stream, the default, is accepted)\n"
     "  --pin-file FILE    take the PIN from the first line of FILE\n"
     "  --pin-env NAME     take the PIN from variable NAME (default: ZORVO_PIN)\n"
     "                     with neither, ZORVO_PIN or else a prompt on the terminal; an empty\n"
@@ -62,8 +64,9 @@ Options parse_args(int argc, char** argv) {
                                                         {"--log-level", &o.logLevel},
                                                         {"--pin-env", &o.pin.envName},
                                                         {"--pin-file", &o.pin.file}};
+    bool stream = false;  // the default, still accepted
     const std::map<std::string, bool*> flags = {
-        {"--json", &o.json}, {"--detached", &o.detached}, {"--stream", &o.stream}};
+        {"--json", &o.json}, {"--detached", &o.detached}, {"--stream", &stream}, {"--one-shot", &o.oneShot}};
     for (size_t i = 0; i < args.size(); ++i) {
         std::string arg = args[i], value;
         const size_t eq = arg.compare(0, 2, "--") == 0 ? arg.find('=') : std::string::npos;
@@ -96,7 +99,8 @@ Options parse_args(int argc, char** argv) {
         if (!o.pin.file.empty() && !o.pin.envName.empty())
             throw Failure(kUsage, "--pin-env and --pin-file exclude each other");
         if (o.json) throw Failure(kUsage, "--json belongs to list");
-    } else if (o.detached || o.stream || !o.cert.empty() || !o.in.empty() || !o.out.empty() ||
+        if (stream && o.oneShot) throw Failure(kUsage, "--stream and --one-shot exclude each other");
+    } else if (o.detached || stream || o.oneShot || !o.cert.empty() || !o.in.empty() || !o.out.empty() ||
                !o.pin.file.empty() || !o.pin.envName.empty()) {
         throw Failure(kUsage, "list takes --module, --token, --json and the log options only");
     }

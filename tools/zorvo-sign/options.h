@@ -10,7 +10,7 @@ struct Options {
     std::string command;  // "list", "sign", "--help" or "--version"
     std::string module, token, cert, in, out, logFile, logLevel;
     PinSource pin;
-    bool json = false, detached = false, stream = false;
+    bool json = false, detached = false, oneShot = false;
 };
 
 extern const char kUsageText[];

@@ -58,30 +58,46 @@ Choice choose(std::vector<Token>& tokens, const Selector& sel, const Options& o)
 
 // The whole input, for the one-shot call: bounded, and without NUL bytes, which it cannot sign.
 std::string read_all(Input& input) {
+    const std::string hint = ": leave --one-shot out";
     std::string data;
     std::vector<char> piece(kPiece);
-    if (input.size() > int64_t(kOneShotLimit)) data.resize(kOneShotLimit + 1);
-    for (size_t n; data.size() <= kOneShotLimit && (n = input.read(piece.data(), piece.size())) > 0;)
+    for (size_t n; input.size() <= int64_t(kOneShotLimit) && data.size() <= kOneShotLimit &&
+                   (n = input.read(piece.data(), piece.size())) > 0;)
         data.append(piece.data(), n);
-    if (data.size() > kOneShotLimit)
-        throw Failure(kFile, input.name() + " is larger than one-shot signing takes (64 MiB): use --stream");
+    if (input.size() > int64_t(kOneShotLimit) || data.size() > kOneShotLimit)
+        throw Failure(kFile, input.name() + " is larger than one-shot signing takes (64 MiB)" + hint);
     if (data.find('\0') != std::string::npos)
-        throw Failure(
-            kFile, input.name() + " contains a NUL byte, which one-shot signing cannot sign: use --stream");
+        throw Failure(kFile,
+                      input.name() + " contains a NUL byte, which one-shot signing cannot sign" + hint);
     return data;
 }
 
-std::string sign_stream(p11::Certificate& cert, std::unique_ptr<p11::Session::LoginToken> login, Input& input,
-                        bool attached, int64_t& bytes) {
-    auto signer = cert.startSigning(std::move(login), attached);
+// The signature streams into the output while the input is read: constant memory whatever the size.
+void sign_stream(p11::Certificate& cert, std::unique_ptr<p11::Session::LoginToken> login, Input& input,
+                 Output& output, bool attached, int64_t& bytes) {
+    std::unique_ptr<Failure> writeError;  // the output's own words, should a write fail
+    auto signer = cert.startSigning(std::move(login), attached, [&](const char* data, size_t size) {
+        try {
+            output.write(data, size);
+            return true;
+        } catch (const Failure& f) {
+            writeError = std::make_unique<Failure>(f);
+            return false;
+        }
+    });
     std::vector<char> piece(kPiece);
     Progress progress(input.size());
-    for (size_t n; (n = input.read(piece.data(), piece.size())) > 0;) {
-        signer->addData(piece.data(), static_cast<int>(n));
-        progress.update(bytes += static_cast<int64_t>(n));
+    try {
+        for (size_t n; (n = input.read(piece.data(), piece.size())) > 0;) {
+            signer->addBytes(piece.data(), n);
+            progress.update(bytes += static_cast<int64_t>(n));
+        }
+        progress.finish();
+        signer->finish();
+    } catch (const p11::process_error&) {
+        if (writeError) throw Failure(*writeError);
+        throw;
     }
-    progress.finish();
-    return signer->finish();
 }
 
 void warn_about_pin(const Token& token) {
@@ -113,7 +129,7 @@ int run_sign(const Options& o) {
     // Everything that can fail without the token fails before the token is touched.
     Input input(o.in);
     Output output(o.out, input);
-    const std::string data = o.stream ? "" : read_all(input);
+    const std::string data = o.oneShot ? read_all(input) : "";
     Secret pin;
     const bool given = read_given_pin(o.pin, pin);
 
@@ -122,7 +138,6 @@ int run_sign(const Options& o) {
     Choice choice = choose(tokens, sel, o);
     const Token& token = *choice.token;
 
-    std::string pem;
     int64_t bytes = static_cast<int64_t>(data.size());
     try {
         std::unique_ptr<p11::Session::LoginToken> login;
@@ -135,8 +150,10 @@ int run_sign(const Options& o) {
             login = token.session->login(pin.value().data(), pin.value().size());
         }
         pin.wipe();
-        pem = o.stream ? sign_stream(*choice.cert, std::move(login), input, !o.detached, bytes)
-                       : choice.cert->signOnIt(std::move(login), data.c_str(), !o.detached);
+        if (o.oneShot)
+            output.write(choice.cert->signOnIt(std::move(login), data.c_str(), !o.detached));
+        else
+            sign_stream(*choice.cert, std::move(login), input, output, !o.detached, bytes);
     } catch (const p11::process_error& e) {
         // PIN verdicts come from the token itself; other failures may mean it was pulled out.
         const bool pinVerdict = e.code() >= 200 && e.code() <= 204;
@@ -147,13 +164,12 @@ int run_sign(const Options& o) {
                                         e.message() + ")");
         throw f;
     }
-    output.write(pem);
     output.commit();
     (output.standardOutput() ? std::cerr : std::cout)
         << "Signed " << printable(input.name()) << " (" << bytes << " bytes) with certificate \""
         << printable(choice.cert->getLabel()) << "\" on " << describe_token(token) << ": "
         << printable(o.out == "-" ? "standard output" : o.out) << " ("
-        << (o.detached ? "detached" : "attached") << (o.stream ? ", streamed" : "") << ")\n";
+        << (o.detached ? "detached" : "attached") << (o.oneShot ? ", one call" : "") << ")\n";
     return kOk;
 }
 
