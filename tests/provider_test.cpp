@@ -54,7 +54,7 @@ TEST(Provider, ParentsGoneAreReportedNotFollowed) {
 TEST(Provider, SlotsAndMechanisms) {
     fx::provider();
     fx::Road road("zorvo-a");
-    EXPECT_EQ(road.module->listTokenSlots()->size(), 4u);  // three tokens and SoftHSM2's free slot
+    EXPECT_EQ(road.module->listTokenSlots()->size(), 5u);  // four tokens and SoftHSM2's free slot
     const CK_FUNCTION_LIST* f = road.module->functionList();
     CK_ULONG n = 0;
     f->C_GetMechanismList(road.slot->id, nullptr, &n);

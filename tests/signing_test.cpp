@@ -1,6 +1,9 @@
 // Signatures end to end: RSA on SoftHSM2 and every GOST kind on the test token, one-shot and
 // streamed, attached and detached, each checked by openssl in a process of its own.
+#include <dirent.h>
+
 #include "fixture.h"
+#include "gost_verify.h"
 
 namespace {
 
@@ -12,6 +15,7 @@ struct Identity {
 const Identity kIdentities[] = {{"rsa1", "zorvo-a", "SHA256"},
                                 {"gost2001", "zorvo-g", "md_gost94"},
                                 {"gost2012_256", "zorvo-g", "md_gost12_256"},
+                                {"gost2012_tc26a", "zorvo-g", "md_gost12_256"},
                                 {"gost2012_512", "zorvo-g", "md_gost12_512"}};
 
 enum Mode { kOneShot, kStreamed, kSink };  // kSink: the signature streams out as it is made
@@ -81,6 +85,7 @@ TEST_P(Signing, VerifiesElsewhereAndCoversExactlyTheData) {
                 EXPECT_EQ(fx::verify(pem, road.cert->getX509(), attached ? nullptr : &r.covered, gost),
                           r.covered);
             }
+            EXPECT_EQ(fx::verify_here(pem, road.cert->getX509(), attached ? nullptr : &r.covered), r.covered);
             const auto [detached, attribute] = inspect(pem);
             EXPECT_EQ(detached, !attached);
             EXPECT_EQ(attribute.find(std::string(reinterpret_cast<char*>(hash), len)) != std::string::npos,
@@ -147,3 +152,62 @@ TEST(Signing, KeysTheLibraryCannotUseOrFind) {
 }
 
 }  // namespace
+
+// Signatures the gost engine made in its own process, one for every parameter set it knows, and the
+// published examples: good ones verify here, certificates included, and tampered ones do not.
+TEST(Verifying, GostSignaturesMadeElsewhere) {
+    p11::reg_pkcs11_engine();
+    const std::string dir = ZORVO_SOURCE_DIR "/tests/data/gost-verify/";
+    const std::string message = fx::read(dir + "message.txt"), tampered = message + " ";
+    std::vector<std::string> names;
+    DIR* d = opendir(dir.c_str());
+    for (dirent* e; d && (e = readdir(d));)
+        if (std::string(e->d_name).find(".sig.der") != std::string::npos) names.push_back(e->d_name);
+    closedir(d);
+    EXPECT_EQ(names.size(), 17u);
+    for (std::string name : names) {
+        name.resize(name.size() - 8);
+        const std::string pem = fx::read(dir + name + ".cert.pem");
+        p11::ossl::bio_ptr in(BIO_new_mem_buf(pem.data(), int(pem.size())));
+        p11::ossl::x509_ptr cert(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
+        ASSERT_TRUE(cert) << name;
+        EXPECT_EQ(X509_verify(cert.get(), X509_get0_pubkey(cert.get())), 1) << name;
+        std::string signature = fx::read(dir + name + ".sig.der");
+        EXPECT_EQ(fx::verify_here(signature, cert.get(), &message), message) << name;
+        EXPECT_EQ(fx::verify_here(signature, cert.get(), &tampered), "FAILED") << name;
+        signature.back() ^= 1;  // the last byte of the signature value
+        EXPECT_EQ(fx::verify_here(signature, cert.get(), &message), "FAILED") << name;
+    }
+    std::istringstream vectors(fx::read(dir + "rfc7091.txt"));
+    int examples = 0;
+    for (std::string line; std::getline(vectors, line);) {
+        std::istringstream in(line);
+        std::string f[11];
+        for (auto& field : f) in >> field;
+        if (line[0] == '#' || !in) continue;
+        const size_t size = f[0].size() / 2;
+        auto bytes = [size](const std::string& hex, bool little) {
+            std::string out(size, '\0');
+            for (size_t i = 0; i < size && 2 * i < hex.size(); ++i)
+                out[size - 1 - i] = char(std::stoul(hex.substr(hex.size() - 2 * i - 2, 2), nullptr, 16));
+            if (little) std::reverse(out.begin(), out.end());
+            return out;
+        };
+        const p11::gost_curve curve{f[0].c_str(), f[1].c_str(), f[2].c_str(), f[3].c_str(),
+                                    f[4].c_str(), f[5].c_str(), size};
+        const std::string point = bytes(f[6], true) + bytes(f[7], true),
+                          signature = bytes(f[10], false) + bytes(f[9], false);
+        for (int flip = 0; flip < 2; ++flip) {
+            std::string digest = bytes(f[8], true);
+            digest[0] ^= char(flip);
+            EXPECT_EQ(
+                p11::gost_verify(curve, reinterpret_cast<const unsigned char*>(point.data()), point.size(),
+                                 reinterpret_cast<const unsigned char*>(digest.data()), digest.size(),
+                                 reinterpret_cast<const unsigned char*>(signature.data()), signature.size()),
+                flip == 0)
+                << line;
+        }
+        ++examples;
+    }
+    EXPECT_EQ(examples, 2);
+}

@@ -15,7 +15,7 @@ failures=0
 fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
 
 for id in rsa1 rsa2 ec1; do cp "$DIR/$id.crt.pem" "$id.pem"; done
-for id in gost2001 gost2012_256 gost2012_512; do cp "$src/tests/data/gost/$id.cert.pem" "$id.pem"; done
+for id in gost2001 gost2012_256 gost2012_512 gost2012_tc26a; do cp "$src/tests/data/gost/$id.cert.pem" "$id.pem"; done
 printf 'Документ для подписи\n' >doc.txt
 printf 'with\0NUL' >nul.bin
 head -c 3000000 /dev/urandom >big.bin
@@ -27,6 +27,11 @@ mkdir dir.pem pindir plant && : >empty.pin && cp "$tprov" plant/libplanted.so
 export ZORVO_TP_LOG=$w/calls.log
 "$tool" list --module "$MODULE" --token zorvo-a >list.txt 2>&1
 uri=$(sed -n '/Certificate "rsa1"/,/uri:/s/^    uri: *//p' list.txt)
+# Signatures to verify: ours (RSA attached and detached, GOST), and one openssl made with a key file.
+ZORVO_PIN=$PIN "$tool" sign --module "$MODULE" --cert "$uri" --in doc.txt --out signed-by-us.pem >/dev/null
+ZORVO_PIN=$PIN "$tool" sign --module "$MODULE" --cert rsa2 --token zorvo-a --in doc.txt --out detached-by-us.pem --detached >/dev/null
+ZORVO_PIN=$PIN "$tool" sign --module "$tprov" --token zorvo-g --cert gost2012_tc26a --in doc.txt --out gost-by-us.pem >/dev/null
+openssl cms -sign -binary -in doc.txt -signer rsa2.pem -inkey "$DIR/rsa2.key.pem" -outform PEM -out by-openssl.pem
 
 # check MODE CERT [DATA]: out.pem verifies against CERT.pem (GOST with the gost engine, in its
 # own process) and covers exactly DATA (default doc.txt); MODE is attached or detached.
@@ -60,8 +65,8 @@ done <<EOF
 2||zs sign --cert rsa1|zorvo-sign: --module PROVIDER is needed|
 2||zs list $m --what|zorvo-sign: unexpected argument --what (see zorvo-sign --help)|
 6||zs list $m|zorvo-sign: token "zorvo-b": certificate without an identifier on the token (122: bad x509 id)|grep -q '^  not initialised$' stdout || fail "list: no blank token"
-0||zs list $m --token zorvo-a||grep -qxF '    serial:     4097' stdout && grep -qxF '    key usage:  digitalSignature, nonRepudiation' stdout || fail "list: \$(cat stdout)"
-0||zs list $m --token zorvo-a --json||python3 -m json.tool stdout >/dev/null && grep -qF '"label":"rsa1","id":"01"' stdout || fail "json: \$(cat stdout)"
+0||zs list $m --token zorvo-a||grep -qxF '    serial:     1001' stdout && grep -qxF '    key usage:  digitalSignature, nonRepudiation' stdout && grep -qxF "    subject:    \$(openssl x509 -in rsa2.pem -noout -subject -nameopt RFC2253 | cut -c9-)" stdout || fail "list: \$(cat stdout)"
+0||zs list $m --token zorvo-a --json||python3 -m json.tool stdout >/dev/null && grep -qF '"label":"rsa1","id":"01"' stdout && grep -qF '"serial":"4097","serialHex":"1001"' stdout || fail "json: \$(cat stdout)"
 5||zs list $m --token nope|zorvo-sign: no token labelled "nope"|
 0||zs $s $m --cert rsa1 --token zorvo-a --one-shot||check attached rsa1
 0||zs $s $m --cert label:rsa2 --token zorvo-a --detached||check detached rsa2
@@ -82,7 +87,18 @@ done <<EOF
 4|C_Initialize@1=0x6|zs $s $t --cert gost2001|zorvo-sign: cannot initialise the PKCS#11 provider (101: failed to initialize p11 module)|
 5||zs $s $m --cert rsa1 --token nope|zorvo-sign: no token with token=nope|
 6||zs $s $m --cert nope --token zorvo-a|zorvo-sign: no such certificate: "nope"|
-6||zs $s --module $tprov --cert gost2001|zorvo-sign: certificate "gost2001" is ambiguous: 2 match (token "zorvo-?" id 21, token "zorvo-?" id 21); add --token or use a pkcs11: URI from \`zorvo-sign list\`|
+6||zs $s --module $tprov --cert gost2001|zorvo-sign: certificate "gost2001" is ambiguous: 3 match (token "zorvo-?" id 21 serial * issuer O=Zorvo test,CN=gost2001 signer;*); add --token, or choose by serial:HEX or a pkcs11: URI from \`zorvo-sign list\`|
+0||zs $s $m --cert serial:10:01 --token zorvo-a||check attached rsa1
+11||zs $s $m --cert mismatch --token zorvo-c|zorvo-sign: the signature does not verify against certificate "mismatch": the token's key under its identifier belongs to another certificate|
+0||zs verify --sig signed-by-us.pem --no-chain --out out.txt||cmp -s out.txt doc.txt || fail "content"
+0||zs verify --sig detached-by-us.pem --in doc.txt --ca $DIR/ca.crt.pem||grep -q '^signer:     CN=Zorvo RSA Two,OU=' stdout && grep -qx 'signing-certificate-v2: matches the certificate' stdout && grep -q '^chain:      checked up to ' stdout || fail "\$(cat stdout)"
+14||zs verify --sig detached-by-us.pem --in nul.bin --ca $DIR/ca.crt.pem|zorvo-sign: the signature does not verify: verification failure|
+14||zs verify --sig signed-by-us.pem --ca $DIR/ca.crt.pem|zorvo-sign: the signature does not verify: certificate verify error: Verify error: *|
+0||zs verify --sig gost-by-us.pem --ca gost2012_tc26a.pem||grep -qx 'digest:     GOST R 34.11-2012 with 256 bit hash' stdout || fail "\$(cat stdout)"
+0||zs verify --sig by-openssl.pem --in doc.txt --no-chain||grep -qx 'signing-certificate-v2: absent' stdout || fail "\$(cat stdout)"
+0||zs verify --sig $src/tests/data/gost-verify/gost2012_512-C.sig.der --in $src/tests/data/gost-verify/message.txt --ca $src/tests/data/gost-verify/gost2012_512-C.cert.pem||
+3||zs verify --sig doc.txt --no-chain|zorvo-sign: doc.txt is no CMS signature|
+2||zs verify --sig doc.txt|zorvo-sign: verify takes one of --ca FILE and --no-chain|
 7||ZORVO_PIN=4711 zs $s $m --cert '$uri' --log debug.log --log-level debug|zorvo-sign: wrong PIN (201: pin incorrect)|grep -q CKR_PIN_INCORRECT debug.log && ! grep -q 4711 debug.log stdout stderr || fail "PIN in the log"
 7||ZORVO_PIN=4711 zs sign $m --cert '$uri' --in doc.txt --out keep.pem|zorvo-sign: wrong PIN (201: pin incorrect)|[ "\$(cat keep.pem)" = "keep me" ] || fail "output replaced"
 8|C_Login@1=0xa4|zs $s $t --cert gost2001|zorvo-sign: PIN locked (204: pin locked)|

@@ -26,6 +26,11 @@ using pem_sink = std::function<bool(const char* data, size_t size)>;
 /// A sink that writes to `out`, which must outlive the signer; false once `out` has failed.
 ZORVO_API pem_sink sink_to(std::ostream& out);
 
+/// Whether the first signer's signature in `cms` verifies against `cert`'s public key: its
+/// signature over the signed attributes (RSA by OpenSSL, GOST R 34.10 by the library's engine,
+/// which must be registered), without reading the content again.
+ZORVO_API bool signer_signature_verifies(CMS_ContentInfo* cms, X509* cert);
+
 /// Signs data that arrives in pieces; made by Certificate::startSigning. Owns the
 /// process-wide signing engine from construction to destruction (only one Signer, and no
 /// one-shot signature, at a time) and the login, which ends when the Signer is destroyed.
@@ -60,6 +65,10 @@ public:
     std::string finish();
     /// Drops the current message; init() must follow before more data.
     void reset();
+    /// Whether the signature the last finish() made verifies against the certificate's public key
+    /// (see signer_signature_verifies); false before the first. A token whose key under the
+    /// certificate's identifier belongs to another certificate makes signatures that do not.
+    bool lastSignatureVerifies() const noexcept { return last_verified; }
 
 private:
     std::weak_ptr<Session> session;
@@ -70,6 +79,7 @@ private:
     ossl::bio_ptr data_bio;  // the CMS data chain; released with the message
     ossl::cms_ptr cms;
     std::unique_ptr<signer_sink> sink;  // null: the PEM comes back from finish()
+    bool last_verified = false;
     /// After a failed message in streaming mode: a fresh one, then process_error(code, message).
     [[noreturn]] void rearm_and_throw(int code, const char* message);
 };

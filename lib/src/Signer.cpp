@@ -166,6 +166,17 @@ BIO_METHOD* sink_method() {
 
 }  // namespace
 
+bool signer_signature_verifies(CMS_ContentInfo* cms, X509* cert) {
+    CMS_SignerInfo* si = cms ? sk_CMS_SignerInfo_value(CMS_get0_SignerInfos(cms), 0) : nullptr;
+    if (si == nullptr || cert == nullptr) return false;
+    ERR_set_mark();                // a failed check is an answer, not an error for the caller's queue
+    signer_certificate key(cert);  // its GOST key decoded, should it predate the engine
+    CMS_SignerInfo_set1_signer_cert(si, key.get());
+    const bool ok = CMS_SignerInfo_verify(si) == 1;
+    ERR_pop_to_mark();
+    return ok;
+}
+
 pem_sink sink_to(std::ostream& out) {
     return [&out](const char* data, size_t size) {
         return static_cast<bool>(out.write(data, static_cast<std::streamsize>(size)));
@@ -293,6 +304,7 @@ std::string Signer::finish() {
         if (sink) rearm_and_throw(300, "error while signing finalization");
         throw process_error(300, "error while signing finalization");
     }
+    if (auto c = certificate.lock()) last_verified = signer_signature_verifies(cms.get(), c->getX509());
     // The signature is made: whatever happens to its output, the next message is ready.
     const std::string pem = streaming ? std::string() : write_pem(cms.get());
     const bool written =

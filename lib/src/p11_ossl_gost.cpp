@@ -6,6 +6,7 @@
 #include <openssl/obj_mac.h>
 #include <openssl/x509.h>
 
+#include "gost_verify.h"
 #include "log.h"
 #include "p11_ossl.h"
 
@@ -142,6 +143,18 @@ int p11_gost_pkey_sign_2012_512(EVP_PKEY_CTX* ctx, unsigned char* sig, size_t* s
     return p11_gost_pkey_sign_common(ctx, sig, siglen, tbs, tbslen);
 }
 
+// Verification needs no token: the public key is the certificate's.
+int p11_gost_pkey_verify(EVP_PKEY_CTX* ctx, const unsigned char* sig, size_t siglen, const unsigned char* tbs,
+                         size_t tbslen) {
+    EVP_PKEY* pkey = EVP_PKEY_CTX_get0_pkey(ctx);
+    auto* record = pkey ? static_cast<const p11_gost_key_data*>(EVP_PKEY_get0(pkey)) : nullptr;
+    if (record == nullptr || record->pubkey == nullptr) {
+        P11_ERROR("EVP_PKEY_get0 failed");
+        return 0;
+    }
+    return gost_verify(record->pubkey, tbs, tbslen, sig, siglen) ? 1 : 0;
+}
+
 int p11_gost_pkey_meth_ctrl_common(int md_nid, EVP_PKEY_CTX*, int type, int, void* p2) {
     switch (type) {
         case EVP_PKEY_CTRL_DIGESTINIT:
@@ -201,6 +214,7 @@ void p11_gost_init() {
         *row.ameth = ameth;
         EVP_PKEY_METHOD* pmeth = EVP_PKEY_meth_new(row.nid, 0);
         EVP_PKEY_meth_set_sign(pmeth, nullptr, row.sign);
+        EVP_PKEY_meth_set_verify(pmeth, nullptr, p11_gost_pkey_verify);
         EVP_PKEY_meth_set_ctrl(pmeth, row.ctrl, nullptr);
         EVP_PKEY_meth_set_copy(pmeth, p11_gost_pkey_copy);
         *row.pmeth = pmeth;

@@ -3,6 +3,7 @@
 #   zorvo-a  rsa1 (RSA-2048, self-signed, id 01), rsa2 (RSA-2048 from the test CA, id 02),
 #            ec1 (P-256, id 03)
 #   zorvo-b  rsa1, and the CA certificate without a CKA_ID (which makes the token unreadable)
+#   zorvo-c  rsa1's certificate under id 04, with rsa2's private key under that id
 #   zorvo-g  empty: the test provider puts its GOST identities on it
 # plus SoftHSM2's free slot. BUILD_DIR/softhsm/env holds KEY=value lines for the tests.
 # Idempotent while this script is unchanged; several test processes may ask at once.
@@ -63,12 +64,14 @@ pair() { # token name id
   p11 "$1" --write-object "$2.pub.pem" --type pubkey --id "$3" --label "$2"
   p11 "$1" --write-object "$2.crt.der" --type cert --id "$3" --label "$2"
 }
-for t in zorvo-a zorvo-b zorvo-g; do q softhsm2-util --init-token --free --label "$t" --so-pin "$pin" --pin "$pin"; done
+for t in zorvo-a zorvo-b zorvo-c zorvo-g; do q softhsm2-util --init-token --free --label "$t" --so-pin "$pin" --pin "$pin"; done
 pair zorvo-a rsa1 01
 pair zorvo-a rsa2 02
 pair zorvo-a ec1 03
 pair zorvo-b rsa1 01
 p11 zorvo-b --write-object ca.crt.der --type cert --label test-ca
+p11 zorvo-c --write-object rsa1.crt.der --type cert --id 04 --label mismatch
+p11 zorvo-c --write-object rsa2.key.pem --type privkey --id 04 --label mismatch --usage-sign
 
 cat >env <<EOF
 SOFTHSM2_CONF=$dir/softhsm2.conf

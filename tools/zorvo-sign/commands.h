@@ -6,5 +6,6 @@ namespace zs {
 
 int run_list(const Options& o);
 int run_sign(const Options& o);
+int run_verify(const Options& o);
 
 }  // namespace zs

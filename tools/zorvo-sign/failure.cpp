@@ -15,7 +15,8 @@ const char kExitTable[] =
     "  9  no usable private key (108-110, 301, 302)\n"
     " 11  signing failed (300)\n"
     " 12  signature cancelled on the token (501; 300 with CKR_CANCEL from the token)\n"
-    " 13  token removed\n";
+    " 13  token removed\n"
+    " 14  the signature does not verify (verify)\n";
 
 Failure describe(int code, const std::string& message, bool tokenGone) {
     const std::string detail = " (" + std::to_string(code) + ": " + message + ")";

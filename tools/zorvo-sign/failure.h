@@ -20,6 +20,7 @@ enum Exit : int {
     kSigning = 11,       // the signature itself failed
     kCancelled = 12,     // cancelled on the token
     kTokenRemoved = 13,  // the token went away during the operation
+    kInvalid = 14,       // the signature does not verify
 };
 
 extern const char kExitTable[];

@@ -38,9 +38,9 @@ void print_human(const std::vector<Token>& tokens) {
             const auto usage = key_usage(*c);
             std::cout << "  Certificate \"" << printable(c->getLabel()) << "\"\n"
                       << "    id:         " << to_hex(cert_id(*c)) << "\n"
-                      << "    subject:    " << printable(one_line(c->getSubject())) << "\n"
-                      << "    issuer:     " << printable(one_line(c->getIssuer())) << "\n"
-                      << "    serial:     " << c->getSerialNumber() << "\n"
+                      << "    subject:    " << printable(rfc4514(X509_get_subject_name(c->getX509()))) << "\n"
+                      << "    issuer:     " << printable(rfc4514(X509_get_issuer_name(c->getX509()))) << "\n"
+                      << "    serial:     " << serial_hex(c->getX509()) << "\n"
                       << "    valid from: " << c->getNotBeforeStr() << "\n"
                       << "    valid to:   " << c->getNotAfterStr() << "\n"
                       << "    key usage:  " << (usage.empty() ? "(not restricted)" : join(usage, ", "))
@@ -83,10 +83,11 @@ void print_json(const std::string& module, const std::vector<Token>& tokens) {
                    to_hex(cert_id(*c)) +
                    "\",\"uri\":" + json_string(pkcs11_uri(t.texts, c->getLabel(), cert_id(*c))) +
                    ",\"subject\":" + json_name(c->getSubject()) +
-                   ",\"subjectText\":" + json_string(one_line(c->getSubject())) +
+                   ",\"subjectText\":" + json_string(rfc4514(X509_get_subject_name(c->getX509()))) +
                    ",\"issuer\":" + json_name(c->getIssuer()) +
-                   ",\"issuerText\":" + json_string(one_line(c->getIssuer())) + ",\"serial\":\"" +
-                   c->getSerialNumber() + "\",\"notBefore\":" + json_string(c->getNotBeforeStr()) +
+                   ",\"issuerText\":" + json_string(rfc4514(X509_get_issuer_name(c->getX509()))) +
+                   ",\"serial\":\"" + c->getSerialNumber() + "\",\"serialHex\":\"" +
+                   serial_hex(c->getX509()) + "\",\"notBefore\":" + json_string(c->getNotBeforeStr()) +
                    ",\"notAfter\":" + json_string(c->getNotAfterStr()) + ",\"keyUsage\":[" +
                    join(key_usage(*c), ",", "\"") + "]}";
         }

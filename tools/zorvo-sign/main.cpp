@@ -29,7 +29,9 @@ int run(int argc, char** argv) {
     // Every library object lives inside the command, so the provider is finalised before exit
     // rather than from a static destructor.
     try {
-        return o.command == "list" ? zs::run_list(o) : zs::run_sign(o);
+        return o.command == "list"   ? zs::run_list(o)
+               : o.command == "sign" ? zs::run_sign(o)
+                                     : zs::run_verify(o);
     } catch (const p11::process_error& e) {
         throw zs::library_failure(e);
     }

@@ -18,7 +18,8 @@ const char kUsageText[] =
     "usage: zorvo-sign list --module PROVIDER [--token LABEL] [--json]\n"
     "       zorvo-sign sign --module PROVIDER --cert SELECTOR --in FILE --out FILE.pem\n"
     "                       [--detached] [--one-shot] [--token LABEL] [--pin-env NAME | --pin-file FILE]\n"
-    "       both also take [--log FILE] [--log-level debug|info|warn|error]\n"
+    "       zorvo-sign verify --sig FILE.pem [--in DATA] [--out CONTENT] (--ca FILE | --no-chain)\n"
+    "       all also take [--log FILE] [--log-level debug|info|warn|error]\n"
     "       zorvo-sign --help | --version\n";
 
 const char kHelpText[] =
@@ -46,6 +47,10 @@ const char kHelpText[] =
     "  --pin-env NAME     take the PIN from variable NAME (default: ZORVO_PIN)\n"
     "                     with neither, ZORVO_PIN or else a prompt on the terminal; an empty\n"
     "                     PIN is refused before it reaches the token\n"
+    "  --sig FILE.pem     verify: the signature (PEM or DER); with --in DATA a detached one, else\n"
+    "                     the content inside, written back to --out CONTENT if given\n"
+    "  --ca FILE          verify: trust anchors (PEM): the signer's certificate must chain to one\n"
+    "  --no-chain         verify: check only the signature against the certificate it carries\n"
     "  --log FILE         write the library's log to FILE (the PIN is never logged)\n"
     "  --log-level LEVEL  debug, info, warn or error (default info; without --log: to stderr)\n"
     "\n"
@@ -63,10 +68,15 @@ Options parse_args(int argc, char** argv) {
                                                         {"--log", &o.logFile},
                                                         {"--log-level", &o.logLevel},
                                                         {"--pin-env", &o.pin.envName},
-                                                        {"--pin-file", &o.pin.file}};
+                                                        {"--pin-file", &o.pin.file},
+                                                        {"--sig", &o.sig},
+                                                        {"--ca", &o.ca}};
     bool stream = false;  // the default, still accepted
-    const std::map<std::string, bool*> flags = {
-        {"--json", &o.json}, {"--detached", &o.detached}, {"--stream", &stream}, {"--one-shot", &o.oneShot}};
+    const std::map<std::string, bool*> flags = {{"--json", &o.json},
+                                                {"--detached", &o.detached},
+                                                {"--stream", &stream},
+                                                {"--one-shot", &o.oneShot},
+                                                {"--no-chain", &o.noChain}};
     for (size_t i = 0; i < args.size(); ++i) {
         std::string arg = args[i], value;
         const size_t eq = arg.compare(0, 2, "--") == 0 ? arg.find('=') : std::string::npos;
@@ -89,9 +99,20 @@ Options parse_args(int argc, char** argv) {
             throw Failure(kUsage, "unexpected argument " + arg + " (see zorvo-sign --help)");
         }
     }
-    if (o.command != "list" && o.command != "sign")
-        throw Failure(kUsage, o.command.empty() ? "a command is needed: list or sign"
-                                                : "unknown command " + o.command + ": list or sign");
+    if (o.command != "list" && o.command != "sign" && o.command != "verify")
+        throw Failure(kUsage, o.command.empty() ? "a command is needed: list, sign or verify"
+                                                : "unknown command " + o.command + ": list, sign or verify");
+    const bool verifyOptions = !o.sig.empty() || !o.ca.empty() || o.noChain;
+    if (o.command == "verify") {
+        if (o.sig.empty()) throw Failure(kUsage, "--sig FILE is needed to verify");
+        if (o.ca.empty() == !o.noChain) throw Failure(kUsage, "verify takes one of --ca FILE and --no-chain");
+        if (!o.module.empty() || !o.cert.empty() || !o.token.empty() || o.json || o.detached || stream ||
+            o.oneShot || !o.pin.file.empty() || !o.pin.envName.empty())
+            throw Failure(kUsage,
+                          "verify takes --sig, --in, --out, --ca or --no-chain and the log options only");
+        return o;
+    }
+    if (verifyOptions) throw Failure(kUsage, "--sig, --ca and --no-chain belong to verify");
     if (o.module.empty()) throw Failure(kUsage, "--module PROVIDER is needed");
     if (o.command == "sign") {
         for (auto [name, value] : {std::pair{"--cert", &o.cert}, {"--in", &o.in}, {"--out", &o.out}})

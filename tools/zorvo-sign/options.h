@@ -7,10 +7,10 @@
 namespace zs {
 
 struct Options {
-    std::string command;  // "list", "sign", "--help" or "--version"
-    std::string module, token, cert, in, out, logFile, logLevel;
+    std::string command;  // "list", "sign", "verify", "--help" or "--version"
+    std::string module, token, cert, in, out, logFile, logLevel, sig, ca;
     PinSource pin;
-    bool json = false, detached = false, oneShot = false;
+    bool json = false, detached = false, oneShot = false, noChain = false;
 };
 
 extern const char kUsageText[];

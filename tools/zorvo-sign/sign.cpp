@@ -1,4 +1,6 @@
 // zorvo-sign sign: one certificate chosen, one login, one signature written with care.
+#include <openssl/pem.h>  // before cms.h, which declares its PEM functions only then
+
 #include <iostream>
 
 #include "commands.h"
@@ -33,7 +35,8 @@ Choice choose(std::vector<Token>& tokens, const Selector& sel, const Options& o)
             continue;
         }
         for (auto& c : *t.certs)
-            if ((!sel.hasLabel || c->getLabel() == sel.label) && (!sel.hasId || cert_id(*c) == sel.id))
+            if ((!sel.hasLabel || c->getLabel() == sel.label) && (!sel.hasId || cert_id(*c) == sel.id) &&
+                (sel.serial.empty() || serial_hex(c->getX509()) == sel.serial))
                 found.push_back({&t, c});
     }
     const std::string selector = "\"" + printable(o.cert) + "\"";
@@ -47,11 +50,13 @@ Choice choose(std::vector<Token>& tokens, const Selector& sel, const Options& o)
     if (found.size() > 1) {
         std::string where;
         for (const Choice& c : found)
-            where +=
-                (where.empty() ? "" : ", ") + describe_token(*c.token) + " id " + to_hex(cert_id(*c.cert));
-        throw Failure(kCertificate, "certificate " + selector +
-                                        " is ambiguous: " + std::to_string(found.size()) + " match (" +
-                                        where + "); add --token or use a pkcs11: URI from `zorvo-sign list`");
+            where += (where.empty() ? "" : "; ") + describe_token(*c.token) + " id " +
+                     to_hex(cert_id(*c.cert)) + " serial " + serial_hex(c.cert->getX509()) + " issuer " +
+                     printable(rfc4514(X509_get_issuer_name(c.cert->getX509())));
+        throw Failure(kCertificate,
+                      "certificate " + selector + " is ambiguous: " + std::to_string(found.size()) +
+                          " match (" + where +
+                          "); add --token, or choose by serial:HEX or a pkcs11: URI from `zorvo-sign list`");
     }
     return found.front();
 }
@@ -73,7 +78,8 @@ std::string read_all(Input& input) {
 }
 
 // The signature streams into the output while the input is read: constant memory whatever the size.
-void sign_stream(p11::Certificate& cert, std::unique_ptr<p11::Session::LoginToken> login, Input& input,
+// Whether the signature verifies against the certificate.
+bool sign_stream(p11::Certificate& cert, std::unique_ptr<p11::Session::LoginToken> login, Input& input,
                  Output& output, bool attached, int64_t& bytes) {
     std::unique_ptr<Failure> writeError;  // the output's own words, should a write fail
     auto signer = cert.startSigning(std::move(login), attached, [&](const char* data, size_t size) {
@@ -94,6 +100,7 @@ void sign_stream(p11::Certificate& cert, std::unique_ptr<p11::Session::LoginToke
         }
         progress.finish();
         signer->finish();
+        return signer->lastSignatureVerifies();
     } catch (const p11::process_error&) {
         if (writeError) throw Failure(*writeError);
         throw;
@@ -150,10 +157,22 @@ int run_sign(const Options& o) {
             login = token.session->login(pin.value().data(), pin.value().size());
         }
         pin.wipe();
-        if (o.oneShot)
-            output.write(choice.cert->signOnIt(std::move(login), data.c_str(), !o.detached));
-        else
-            sign_stream(*choice.cert, std::move(login), input, output, !o.detached, bytes);
+        bool verifies = false;
+        if (o.oneShot) {
+            const std::string pem = choice.cert->signOnIt(std::move(login), data.c_str(), !o.detached);
+            p11::ossl::bio_ptr in(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
+            p11::ossl::cms_ptr cms(PEM_read_bio_CMS(in.get(), nullptr, nullptr, nullptr));
+            verifies = p11::signer_signature_verifies(cms.get(), choice.cert->getX509());
+            output.write(pem);
+        } else {
+            verifies = sign_stream(*choice.cert, std::move(login), input, output, !o.detached, bytes);
+        }
+        // A token may hold, under the certificate's identifier, the key of another certificate.
+        if (!verifies)
+            throw Failure(kSigning,
+                          "the signature does not verify against certificate \"" +
+                              printable(choice.cert->getLabel()) +
+                              "\": the token's key under its identifier belongs to another certificate");
     } catch (const p11::process_error& e) {
         // PIN verdicts come from the token itself; other failures may mean it was pulled out.
         const bool pinVerdict = e.code() >= 200 && e.code() <= 204;

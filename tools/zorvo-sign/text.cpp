@@ -1,5 +1,7 @@
 #include "text.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdint>
 
 namespace zs {
@@ -245,6 +247,13 @@ Selector parse_selector(const std::string& text) {
     if (text.compare(0, 3, "id:") == 0) {
         s.hasId = true;
         s.id = from_hex(text.substr(3));
+        return s;
+    }
+    if (text.compare(0, 7, "serial:") == 0) {
+        // Written as openssl and list write it: upper case, no leading zeros.
+        s.serial = to_hex(from_hex(text.substr(7)));
+        for (char& c : s.serial) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+        s.serial.erase(0, std::min(s.serial.find_first_not_of('0'), s.serial.size() - 1));
         return s;
     }
     s.hasLabel = true;

@@ -28,10 +28,11 @@ struct Selector {
     bool hasLabel = false;
     std::string label;  // the certificate's CKA_LABEL ("object")
     bool hasId = false;
-    Bytes id;  // the certificate's CKA_ID
+    Bytes id;            // the certificate's CKA_ID
+    std::string serial;  // the certificate's serial number, hexadecimal as serial_hex() gives it
 };
 
-/// A --cert value: "label:NAME", "id:HEX", a pkcs11: URI, or a plain NAME (a label).
+/// A --cert value: "label:NAME", "id:HEX", "serial:HEX", a pkcs11: URI, or a plain NAME (a label).
 /// Throws std::invalid_argument with a message for the user.
 Selector parse_selector(const std::string& text);
 /// An RFC 7512 URI: the path attributes token, manufacturer, model, serial, object, id and

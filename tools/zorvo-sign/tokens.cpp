@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include <openssl/x509.h>
+
 namespace zs {
 namespace {
 
@@ -96,10 +98,18 @@ std::vector<std::pair<std::string, std::string>> ordered(const p11::name_map& na
     return out;
 }
 
-std::string one_line(const p11::name_map& name) {
-    std::string out;
-    for (const auto& [key, value] : ordered(name)) out += (out.empty() ? "" : ", ") + key + "=" + value;
-    return out;
+std::string rfc4514(const X509_NAME* name) {
+    p11::ossl::bio_ptr out(BIO_new(BIO_s_mem()));
+    X509_NAME_print_ex(out.get(), name, 0, XN_FLAG_RFC2253);
+    char* text = nullptr;
+    const long length = BIO_get_mem_data(out.get(), &text);
+    return std::string(text, static_cast<size_t>(length > 0 ? length : 0));
+}
+
+std::string serial_hex(const X509* cert) {
+    p11::ossl::bn_ptr n(ASN1_INTEGER_to_BN(X509_get0_serialNumber(cert), nullptr));
+    std::unique_ptr<char, void (*)(void*)> text(n ? BN_bn2hex(n.get()) : nullptr, OPENSSL_freeFunc);
+    return text ? text.get() : "";
 }
 
 std::vector<std::string> key_usage(const p11::Certificate& c) {

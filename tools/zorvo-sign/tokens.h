@@ -42,9 +42,12 @@ bool token_gone(const std::shared_ptr<p11::Module>& module, const Token& token);
 Bytes cert_id(p11::Certificate& c);
 /// `token "label"`, printable.
 std::string describe_token(const Token& t);
-/// A name on one line, most specific part first: "CN=..., O=..., C=...".
-std::string one_line(const p11::name_map& name);
-/// The name's entries in that order, values in UTF-8.
+/// A name as RFC 4514 writes it, exactly as `openssl x509 -nameopt RFC2253` prints it: every
+/// attribute, most specific first, special characters and non-ASCII bytes escaped.
+std::string rfc4514(const X509_NAME* name);
+/// The serial number in hexadecimal, as `openssl x509 -serial` prints it.
+std::string serial_hex(const X509* cert);
+/// The name map's entries, most specific first, values in UTF-8.
 std::vector<std::pair<std::string, std::string>> ordered(const p11::name_map& name);
 /// The KeyUsage bits set, by their X.509 names.
 std::vector<std::string> key_usage(const p11::Certificate& c);
