@@ -45,7 +45,11 @@ Bytes digest(const Algorithm& a, const Bytes& data, std::vector<size_t> pieces =
         out.resize(32);
         return out;
     }
-    const EVP_MD* md = EVP_get_digestbyname(a.digest);
+    // By name: from OpenSSL's table with the engine, from the library's context with the provider.
+    std::unique_ptr<EVP_MD, decltype(&EVP_MD_free)> fetched(
+        p11::openssl_libctx() ? EVP_MD_fetch(p11::openssl_libctx(), a.digest, nullptr) : nullptr,
+        EVP_MD_free);
+    const EVP_MD* md = fetched ? fetched.get() : EVP_get_digestbyname(a.digest);
     if (!md) return {};
     EVP_MD_CTX* ctx = EVP_MD_CTX_new();
     EVP_DigestInit_ex(ctx, md, nullptr);

@@ -163,10 +163,11 @@ TEST(Provider, CertificatesAsTheTokenHoldsThem) {
     f->C_FindObjects(road.session->getHandle(), &obj, 1, &found);
     f->C_FindObjectsFinal(road.session->getHandle());
     road.session->getattr_bn(obj, CKA_MODULUS, &n);
-    const BIGNUM* certN = nullptr;
-    RSA_get0_key(EVP_PKEY_get0_RSA(X509_get0_pubkey(rsa1.getX509())), &certN, nullptr, nullptr);
+    BIGNUM* certN = nullptr;
+    EVP_PKEY_get_bn_param(X509_get0_pubkey(rsa1.getX509()), "n", &certN);
     EXPECT_EQ(BN_cmp(n, certN), 0);
     BN_free(n);
+    BN_free(certN);
     char label[16];
     std::memset(label, 'x', sizeof label);
     road.session->getattr_s(obj, CKA_LABEL, label, sizeof label);

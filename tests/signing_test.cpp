@@ -3,6 +3,7 @@
 #include <dirent.h>
 
 #include "fixture.h"
+#include "gost_digests.h"
 #include "gost_verify.h"
 
 namespace {
@@ -10,13 +11,13 @@ namespace {
 struct Identity {
     const char* label;
     const char* token;
-    const char* certHash;  // the digest of the signing-certificate attribute
+    const EVP_MD* (*certHash)();  // the digest of the signing-certificate attribute
 };
-const Identity kIdentities[] = {{"rsa1", "zorvo-a", "SHA256"},
-                                {"gost2001", "zorvo-g", "md_gost94"},
-                                {"gost2012_256", "zorvo-g", "md_gost12_256"},
-                                {"gost2012_tc26a", "zorvo-g", "md_gost12_256"},
-                                {"gost2012_512", "zorvo-g", "md_gost12_512"}};
+const Identity kIdentities[] = {{"rsa1", "zorvo-a", EVP_sha256},
+                                {"gost2001", "zorvo-g", digest_gost2001},
+                                {"gost2012_256", "zorvo-g", digest_gost2012_256},
+                                {"gost2012_tc26a", "zorvo-g", digest_gost2012_256},
+                                {"gost2012_512", "zorvo-g", digest_gost2012_512}};
 
 enum Mode { kOneShot, kStreamed, kSink };  // kSink: the signature streams out as it is made
 
@@ -35,15 +36,15 @@ std::string sign(fx::Road& road, Mode mode, bool attached, const std::string& da
 // Whether the signature is detached, and the DER of its signing-certificate-v2 attribute ("" without one).
 std::pair<bool, std::string> inspect(const std::string& pem) {
     p11::ossl::bio_ptr in(BIO_new_mem_buf(pem.data(), int(pem.size())));
-    p11::ossl::cms_ptr cms(PEM_read_bio_CMS(in.get(), nullptr, nullptr, nullptr));
+    p11::ossl::cms_ptr cms = p11::read_cms(in.get());
     auto* si = sk_CMS_SignerInfo_value(CMS_get0_SignerInfos(cms.get()), 0);
     ASN1_OBJECT* oid = OBJ_txt2obj("1.2.840.113549.1.9.16.2.47", 1);
     X509_ATTRIBUTE* a = CMS_signed_get_attr(si, CMS_signed_get_attr_by_OBJ(si, oid, -1));
     ASN1_OBJECT_free(oid);
-    ASN1_TYPE* value = a ? X509_ATTRIBUTE_get0_type(a, 0) : nullptr;
+    const ASN1_TYPE* value = a ? X509_ATTRIBUTE_get0_type(a, 0) : nullptr;
     return {CMS_is_detached(cms.get()) == 1,
-            value ? std::string(reinterpret_cast<char*>(value->value.sequence->data),
-                                value->value.sequence->length)
+            value ? std::string(reinterpret_cast<const char*>(ASN1_STRING_get0_data(value->value.sequence)),
+                                size_t(ASN1_STRING_length(value->value.sequence)))
                   : ""};
 }
 
@@ -73,7 +74,7 @@ TEST_P(Signing, VerifiesElsewhereAndCoversExactlyTheData) {
     unsigned char *der = nullptr, hash[EVP_MAX_MD_SIZE];
     unsigned len = 0;
     const int derLen = i2d_X509(road.cert->getX509(), &der);
-    EVP_Digest(der, size_t(derLen), hash, &len, EVP_get_digestbyname(id.certHash), nullptr);
+    EVP_Digest(der, size_t(derLen), hash, &len, id.certHash(), nullptr);
     OPENSSL_free(der);
     for (const auto& r : rows)
         for (bool attached : {true, false}) {
@@ -81,7 +82,7 @@ TEST_P(Signing, VerifiesElsewhereAndCoversExactlyTheData) {
                          std::to_string(r.data.size()));
             const std::string pem = sign(road, r.mode, attached, r.data);
             // The gost engine's GOST R 34.11-94 of the empty message is not the published one.
-            if (r.covered.size() || id.certHash != std::string("md_gost94")) {
+            if (r.covered.size() || id.certHash != digest_gost2001) {
                 EXPECT_EQ(fx::verify(pem, road.cert->getX509(), attached ? nullptr : &r.covered, gost),
                           r.covered);
             }
@@ -167,11 +168,9 @@ TEST(Verifying, GostSignaturesMadeElsewhere) {
     EXPECT_EQ(names.size(), 17u);
     for (std::string name : names) {
         name.resize(name.size() - 8);
-        const std::string pem = fx::read(dir + name + ".cert.pem");
-        p11::ossl::bio_ptr in(BIO_new_mem_buf(pem.data(), int(pem.size())));
-        p11::ossl::x509_ptr cert(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
+        p11::ossl::x509_ptr cert = fx::certificate(fx::read(dir + name + ".cert.pem"));
         ASSERT_TRUE(cert) << name;
-        EXPECT_EQ(X509_verify(cert.get(), X509_get0_pubkey(cert.get())), 1) << name;
+        EXPECT_EQ(p11::x509_verify(cert.get(), X509_get0_pubkey(cert.get())), 1) << name;
         std::string signature = fx::read(dir + name + ".sig.der");
         EXPECT_EQ(fx::verify_here(signature, cert.get(), &message), message) << name;
         EXPECT_EQ(fx::verify_here(signature, cert.get(), &tampered), "FAILED") << name;

@@ -14,10 +14,10 @@
 #include "Module.h"
 #include "Signer.h"
 #include "Slot.h"
+#include "gost_digests.h"
 #include "p11.h"
 #include "p11_ossl.h"
 #include "p11_ossl_eng.h"
-#include "p11_ossl_md.h"
 
 namespace {
 

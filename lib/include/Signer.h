@@ -31,6 +31,26 @@ ZORVO_API pem_sink sink_to(std::ostream& out);
 /// which must be registered), without reading the content again.
 ZORVO_API bool signer_signature_verifies(CMS_ContentInfo* cms, X509* cert);
 
+/// A CMS message from `in`, PEM or else DER, parsed in the library's OpenSSL context (see
+/// openssl_libctx), where the keys of GOST certificates inside it are known; null when it is none.
+ZORVO_API ossl::cms_ptr read_cms(BIO* in);
+
+/// CMS_verify for signatures of every kind the library makes, on either of its OpenSSL backends:
+/// the same arguments, flags and result (1 when every signer verifies, the reason on OpenSSL's
+/// error queue otherwise). `cms` comes from read_cms, trust anchors are loaded into `store` in the
+/// library's context (X509_STORE_load_file_ex with openssl_libctx()).
+ZORVO_API int cms_verify(CMS_ContentInfo* cms, STACK_OF(X509) * certs, X509_STORE* store, BIO* detached,
+                         BIO* out, unsigned int flags);
+
+/// X509_verify that knows GOST R 34.10 certificate signatures on either backend: 1 when `cert` is
+/// signed by `key`, else 0 or -1 with the reason on OpenSSL's error queue.
+ZORVO_API int x509_verify(X509* cert, EVP_PKEY* key);
+
+/// The first signer's signing-certificate-v2 attribute against `cert`: 1 when its first entry
+/// names the certificate (its hash, and its issuer and serial number when given), 0 when it names
+/// another or cannot be read, -1 without the attribute.
+ZORVO_API int signing_certificate_v2_check(CMS_SignerInfo* si, X509* cert);
+
 /// Signs data that arrives in pieces; made by Certificate::startSigning. Owns the
 /// process-wide signing engine from construction to destruction (only one Signer, and no
 /// one-shot signature, at a time) and the login, which ends when the Signer is destroyed.

@@ -58,8 +58,8 @@ std::wstring convert_on_heap(wide_converter& converter, const unsigned char* in,
     return convert(converter, in, length, out.data(), capacity);
 }
 
-std::string entry_key(X509_NAME_ENTRY* entry) {
-    ASN1_OBJECT* object = X509_NAME_ENTRY_get_object(entry);
+std::string entry_key(const X509_NAME_ENTRY* entry) {
+    const ASN1_OBJECT* object = X509_NAME_ENTRY_get_object(entry);
     const int nid = OBJ_obj2nid(object);
     if (nid != NID_undef) {
         if (const char* shortName = OBJ_nid2sn(nid)) return shortName;
@@ -78,8 +78,9 @@ Certificate::Certificate(std::weak_ptr<Session> owner, std::string& objectLabel,
     // Everything below may throw; until the last step the caller keeps the X509 and the id.
     X509* cert = x509Owner.get();
 
-    parseX509Name(X509_get_subject_name(cert), subject);
-    parseX509Name(X509_get_issuer_name(cert), issuer);
+    // OpenSSL 4 hands these out const; nothing here writes to them.
+    parseX509Name(const_cast<X509_NAME*>(X509_get_subject_name(cert)), subject);
+    parseX509Name(const_cast<X509_NAME*>(X509_get_issuer_name(cert)), issuer);
     parseTokenInfo(info, tokenInfo);
 
     ossl::bn_ptr serial(ASN1_INTEGER_to_BN(X509_get_serialNumber(cert), nullptr));
@@ -103,7 +104,9 @@ Certificate::~Certificate() {
     id.first.reset();
 }
 
-X509_PUBKEY* Certificate::get_public_key() const { return X509_get_X509_PUBKEY(x509.get()); }
+X509_PUBKEY* Certificate::get_public_key() const {
+    return const_cast<X509_PUBKEY*>(X509_get_X509_PUBKEY(x509.get()));
+}
 
 std::string convert_ASN1TIME(ASN1_TIME* time) {
     ossl::bio_ptr bio(BIO_new(BIO_s_mem()));
@@ -116,7 +119,8 @@ std::string convert_ASN1TIME(ASN1_TIME* time) {
 
 void parseKeyUsage(X509* x509, std::bitset<9>* bits) {
     const int index = X509_get_ext_by_NID(x509, NID_key_usage, -1);
-    X509_EXTENSION* extension = index < 0 ? nullptr : X509_get_ext(x509, index);
+    // Const in OpenSSL 4, not before; only read.
+    X509_EXTENSION* extension = index < 0 ? nullptr : const_cast<X509_EXTENSION*>(X509_get_ext(x509, index));
     if (extension == nullptr) return;
 
     const ASN1_OCTET_STRING* contents = X509_EXTENSION_get_data(extension);
@@ -137,7 +141,7 @@ void parseX509Name(X509_NAME* name, name_map& map) {
 
     const int count = X509_NAME_entry_count(name);
     for (int i = 0; i < count; ++i) {
-        X509_NAME_ENTRY* entry = X509_NAME_get_entry(name, i);
+        const X509_NAME_ENTRY* entry = X509_NAME_get_entry(name, i);
         if (entry == nullptr) continue;
         const std::string key = entry_key(entry);
 

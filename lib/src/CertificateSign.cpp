@@ -10,6 +10,11 @@
 #include "ossl_ptr.h"
 #include "p11_ossl.h"
 #include "sign_util.h"
+#ifndef ZORVO_ENGINE
+#include <cstring>
+
+#include "p11_prov_cms.h"
+#endif
 
 namespace p11 {
 
@@ -23,8 +28,18 @@ std::string Certificate::signOnIt(std::unique_ptr<Session::LoginToken> token, co
     auto self = shared_from_this();
     Session::evp_pkey_handle key = s->get_private_key_by_x509(self);
 
-    const unsigned int flags = CMS_BINARY | CMS_PARTIAL | (attached ? 0 : CMS_DETACHED);
     ERR_clear_error();
+#ifndef ZORVO_ENGINE
+    P11_DEBUG("signing initialization");
+    P11_DEBUG("signer adding");
+    signed_data message(key.get(), x509.get(), attached);
+    P11_DEBUG("signing finalization");
+    std::string der;
+    if (!message.update(data, std::strlen(data)) || !message.finish(der))
+        fail_openssl("error while signing finalization", P11_SITE);
+    return pem_of_der(der);
+#else
+    const unsigned int flags = CMS_BINARY | CMS_PARTIAL | (attached ? 0 : CMS_DETACHED);
     ossl::bio_ptr in(BIO_new_mem_buf(data, -1));
     if (!in) fail_openssl("error while allocating BIO memory buffer", P11_SITE);
     P11_DEBUG("signing initialization");
@@ -38,6 +53,7 @@ std::string Certificate::signOnIt(std::unique_ptr<Session::LoginToken> token, co
     if (CMS_final(cms.get(), in.get(), nullptr, flags) != 1)
         fail_openssl("error while signing finalization", P11_SITE);
     return write_pem(cms.get());
+#endif
 }
 
 std::shared_ptr<Signer> Certificate::startSigning(std::unique_ptr<Session::LoginToken> token, bool attached) {

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include <openssl/asn1.h>
-#include <openssl/rsa.h>
 #include <openssl/x509.h>
 
 #include "Certificate.h"
@@ -13,6 +12,7 @@
 #include "log.h"
 #include "ossl_ptr.h"
 #include "p11_ossl.h"
+#include "sign_util.h"
 
 namespace p11 {
 
@@ -199,8 +199,7 @@ std::shared_ptr<Certificate> Session::create_cert(CK_OBJECT_HANDLE obj, std::sha
     }
     std::vector<unsigned char> der(len);
     getattr_var(obj, CKA_VALUE, der.data(), &len);
-    const unsigned char* p = der.data();
-    std::unique_ptr<X509, void (*)(X509*)> x509(d2i_X509(nullptr, &p, static_cast<long>(len)), X509_free);
+    std::unique_ptr<X509, void (*)(X509*)> x509(x509_from_der(der.data(), static_cast<long>(len)), X509_free);
     if (!x509) {
         P11_ERROR("Got a bad certificate with label: " << bytes(label));
         throw process_error(120, "failed to parse x509");
@@ -288,7 +287,8 @@ CK_OBJECT_HANDLE Session::get_private_key_by_x509_long_way(std::shared_ptr<Slot>
         unsigned char value[128];
         len = sizeof value;
         getattr_var(obj, CKA_VALUE, value, &len);
-        if (len != static_cast<size_t>(octets->length) || std::memcmp(value, octets->data, len) != 0)
+        if (len != static_cast<size_t>(ASN1_STRING_length(octets.get())) ||
+            std::memcmp(value, ASN1_STRING_get0_data(octets.get()), len) != 0)
             continue;
         matched = true;
         size_t idLength = 0;
@@ -313,30 +313,15 @@ Session::evp_pkey_handle Session::init_private_key(std::shared_ptr<Slot> slot, C
     size_t len = sizeof keyType;
     getattr_var(key, CKA_KEY_TYPE, &keyType, &len);
     P11_DEBUG("CKA KEY TYPE: " << keyType);
-    evp_pkey_handle pkey(EVP_PKEY_new(), EVP_PKEY_free);
     X509_PUBKEY* pub = cert->get_public_key();
 
     if (keyType == CKK_RSA) {
-        using rsa_ptr = std::unique_ptr<RSA, ossl::Deleter<RSA, RSA_free>>;
-        ossl::evp_pkey_ptr certKey(X509_PUBKEY_get(pub));
-        const RSA* certRsa = certKey ? EVP_PKEY_get0_RSA(certKey.get()) : nullptr;
-        if (certRsa == nullptr) {
+        // Signing goes through this session and slot, which the key holds weakly.
+        evp_pkey_handle pkey(token_rsa_key(slot, weak_from_this(), key, pub), EVP_PKEY_free);
+        if (!pkey) {
             P11_ERROR("private key type is unsupported: " << keyType);
             throw process_error(110, "unsupported private key type");
         }
-        const BIGNUM *n = nullptr, *e = nullptr;
-        RSA_get0_key(certRsa, &n, &e, nullptr);
-        auto record = std::make_unique<p11_rsa_key_data>();
-        record->slot = slot;
-        record->session = shared_from_this();
-        record->key = key;
-        rsa_ptr rsa(RSA_new());
-        // Method and record go on before the key is assigned: OpenSSL 3 then keeps the key on
-        // the legacy path (a foreign key), and signing reaches our callback.
-        RSA_set_method(rsa.get(), p11_get_rsa_method());
-        p11_rsa_attach(rsa.get(), std::move(record));
-        RSA_set0_key(rsa.get(), BN_dup(n), BN_dup(e), nullptr);
-        EVP_PKEY_set1_RSA(pkey.get(), rsa.get());
         return pkey;
     }
     if (keyType == CKK_EC) {
@@ -347,13 +332,9 @@ Session::evp_pkey_handle Session::init_private_key(std::shared_ptr<Slot> slot, C
         P11_ERROR("private key type is unsupported: " << keyType);
         throw process_error(110, "unsupported private key type");
     }
-    ASN1_OBJECT* algorithm = nullptr;
-    X509_PUBKEY_get0_param(&algorithm, nullptr, nullptr, nullptr, pub);
-    // The record borrows the certificate's public key; the key type's free callback frees it.
-    auto* record = static_cast<p11_gost_key_data*>(OPENSSL_zalloc(sizeof(p11_gost_key_data)));
-    if (record != nullptr) *record = {pub, key};
-    if (record != nullptr && EVP_PKEY_assign(pkey.get(), OBJ_obj2nid(algorithm), record) == 1) return pkey;
-    OPENSSL_free(record);
+    // The key's type is the certificate's public key algorithm, not the token's key type.
+    evp_pkey_handle pkey(token_gost_key(key, pub), EVP_PKEY_free);
+    if (pkey) return pkey;
     P11_ERROR("failed to create evp_pkey with nid " << 811 << " of the public key alghorithm");
     throw process_error(109, "failed to create evp_pkey");
 }

@@ -14,6 +14,9 @@
 #include "log.h"
 #include "p11_ossl.h"
 #include "sign_util.h"
+#ifndef ZORVO_ENGINE
+#include "p11_prov_cms.h"
+#endif
 
 const char* ESS_OBJ_SN = "id-aa-signingCertificateV2";
 
@@ -22,32 +25,18 @@ namespace p11 {
 namespace {
 
 constexpr unsigned int kStreamFlags = CMS_BINARY | CMS_STREAM | CMS_PARTIAL;
-const char kSigningCertificateV2Oid[] = "1.2.840.113549.1.9.16.2.47";
 
 using algor_ptr = std::unique_ptr<X509_ALGOR, ossl::Deleter<X509_ALGOR, X509_ALGOR_free>>;
 using octets_ptr =
     std::unique_ptr<ASN1_OCTET_STRING, ossl::Deleter<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>>;
-using general_names_ptr = std::unique_ptr<GENERAL_NAMES, ossl::Deleter<GENERAL_NAMES, GENERAL_NAMES_free>>;
-using der_buffer = std::vector<unsigned char>;
 
-// A DER SEQUENCE around `content`.
-der_buffer sequence_of(const der_buffer& content) {
-    const int length = static_cast<int>(content.size());
-    der_buffer out(static_cast<size_t>(ASN1_object_size(1, length, V_ASN1_SEQUENCE)));
-    unsigned char* p = out.data();
-    ASN1_put_object(&p, 1, length, V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL);
-    std::copy(content.begin(), content.end(), p);
-    return out;
-}
-
-template <typename T>
-void append_der(der_buffer& out, const T* object, int (*encode)(const T*, unsigned char**)) {
-    const int length = encode(object, nullptr);
-    if (length <= 0) return;
-    const size_t at = out.size();
-    out.resize(at + static_cast<size_t>(length));
-    unsigned char* p = out.data() + at;
-    encode(object, &p);
+// The key's algorithm; a provider's key has no NID of its own.
+int key_type(EVP_PKEY* key) {
+#ifdef ZORVO_ENGINE
+    return EVP_PKEY_id(key);
+#else
+    return key_nid(key);
+#endif
 }
 
 int hash_nid_for(int keyType) {
@@ -67,56 +56,43 @@ int hash_nid_for(int keyType) {
     }
 }
 
-// OpenSSL 3 already knows the identifier under another name, so creating it fails: the
-// existing object is the same on the wire.
-int signing_certificate_nid() {
-    int nid = OBJ_sn2nid(ESS_OBJ_SN);
-    if (nid != NID_undef) return nid;
-    ERR_set_mark();
-    nid = OBJ_create(kSigningCertificateV2Oid, ESS_OBJ_SN, "id-aa-signingCertificateV2");
-    ERR_pop_to_mark();
-    return nid != NID_undef ? nid : OBJ_txt2nid(kSigningCertificateV2Oid);
-}
-
-// The ESS signingCertificateV2 attribute (RFC 5035), with the certificate hash matching the key.
-void add_signing_certificate(CMS_SignerInfo* si, EVP_PKEY* key, X509* cert) {
+// The value of the ESS signingCertificateV2 attribute (RFC 5035), with the certificate hash
+// matching the key.
+der_buffer signing_certificate_value(EVP_PKEY* key, X509* cert) {
     algor_ptr algorithm(X509_ALGOR_new());
     octets_ptr certHash(ASN1_OCTET_STRING_new());
     P11_DEBUG("Adding CertID Algorithm Agility ...");
-    const int hashNid = hash_nid_for(EVP_PKEY_id(key));
+    const int hashNid = hash_nid_for(key_type(key));
     X509_ALGOR_set0(algorithm.get(), OBJ_nid2obj(hashNid), V_ASN1_UNDEF, nullptr);
     // Hashing the DER directly: OpenSSL 3's X509_digest finds an application-built digest only
     // through an engine registered for its NID.
-    if (const EVP_MD* md = EVP_get_digestbyname(OBJ_nid2sn(hashNid))) {
+    if (const md_ptr md = digest_by_nid(hashNid)) {
         unsigned char* encoded = nullptr;
         const int len = i2d_X509(cert, &encoded);
         std::unique_ptr<unsigned char, void (*)(void*)> der(encoded, OPENSSL_freeFunc);
         unsigned char hash[EVP_MAX_MD_SIZE];
         unsigned int hashLength = 0;
-        if (len > 0 && EVP_Digest(der.get(), static_cast<size_t>(len), hash, &hashLength, md, nullptr) == 1)
+        if (len > 0 &&
+            EVP_Digest(der.get(), static_cast<size_t>(len), hash, &hashLength, md.get(), nullptr) == 1)
             ASN1_OCTET_STRING_set(certHash.get(), hash, static_cast<int>(hashLength));
     }
-
-    // IssuerSerial: GeneralNames with the issuer as directoryName, then the serial number.
-    general_names_ptr issuer(GENERAL_NAMES_new());
-    GENERAL_NAME* name = GENERAL_NAME_new();
-    GENERAL_NAME_set0_value(name, GEN_DIRNAME, X509_NAME_dup(X509_get_issuer_name(cert)));
-    sk_GENERAL_NAME_push(issuer.get(), name);
-    der_buffer issuerSerial;
-    append_der(issuerSerial, issuer.get(), i2d_GENERAL_NAMES);
-    append_der(issuerSerial, X509_get0_serialNumber(cert), i2d_ASN1_INTEGER);
 
     der_buffer certId;
     append_der(certId, algorithm.get(), i2d_X509_ALGOR);
     append_der(certId, certHash.get(), i2d_ASN1_OCTET_STRING);
-    const der_buffer issuerSerialDer = sequence_of(issuerSerial);
+    const der_buffer issuerSerialDer = issuer_serial(cert);
     certId.insert(certId.end(), issuerSerialDer.begin(), issuerSerialDer.end());
-    const der_buffer value = sequence_of(sequence_of(sequence_of(certId)));
+    return sequence_of(sequence_of(sequence_of(certId)));
+}
 
+#ifdef ZORVO_ENGINE
+void add_signing_certificate(CMS_SignerInfo* si, EVP_PKEY* key, X509* cert) {
+    const der_buffer value = signing_certificate_value(key, cert);
     if (CMS_signed_add1_attr_by_NID(si, signing_certificate_nid(), V_ASN1_SEQUENCE, value.data(),
                                     static_cast<int>(value.size())) == 0)
         fail_openssl("error while ESS certIdv2 adding", P11_SITE);
 }
+#endif
 
 const char kPemBegin[] = "-----BEGIN CMS-----\n";
 const char kPemEnd[] = "-----END CMS-----\n";
@@ -164,6 +140,20 @@ BIO_METHOD* sink_method() {
     return method;
 }
 
+// PEM as OpenSSL streams it: base64 of the DER as it is produced, the content inside. The base64
+// filter writes a line at a time: the sink gets them 64 KiB at a time.
+BIO* pem_chain(signer_sink* sink) {
+    ossl::bio_ptr out(BIO_new(sink_method()));
+    ossl::bio_ptr buffer(BIO_new(BIO_f_buffer()));
+    BIO* base64 = BIO_new(BIO_f_base64());
+    if (!out || !buffer || !base64 || BIO_set_write_buffer_size(buffer.get(), 64 * 1024) != 1) {
+        BIO_free(base64);
+        fail_openssl("error while allocating BIO memory buffer", P11_SITE);
+    }
+    BIO_set_data(out.get(), sink);
+    return BIO_push(base64, BIO_push(buffer.release(), out.release()));
+}
+
 }  // namespace
 
 bool signer_signature_verifies(CMS_ContentInfo* cms, X509* cert) {
@@ -171,8 +161,12 @@ bool signer_signature_verifies(CMS_ContentInfo* cms, X509* cert) {
     if (si == nullptr || cert == nullptr) return false;
     ERR_set_mark();                // a failed check is an answer, not an error for the caller's queue
     signer_certificate key(cert);  // its GOST key decoded, should it predate the engine
+#ifdef ZORVO_ENGINE
     CMS_SignerInfo_set1_signer_cert(si, key.get());
     const bool ok = CMS_SignerInfo_verify(si) == 1;
+#else
+    const bool ok = attributes_verify(si, X509_get0_pubkey(key.get()));
+#endif
     ERR_pop_to_mark();
     return ok;
 }
@@ -213,8 +207,17 @@ void Signer::init() {
     auto c = lock_or_throw(certificate, 13, "failed to get certificate", P11_SITE);
     Session::evp_pkey_handle key = s->get_private_key_by_x509(c);
 
-    const unsigned int flags = kStreamFlags | (attached ? 0 : CMS_DETACHED);
     ERR_clear_error();
+#ifndef ZORVO_ENGINE
+    P11_DEBUG("signing initialization");
+    P11_DEBUG("signer adding");
+    auto message = std::make_unique<signed_data>(key.get(), c->getX509(), attached);
+    message->add_attribute(signing_certificate_nid(), signing_certificate_value(key.get(), c->getX509()));
+    if (sink) *sink = signer_sink{std::move(sink->write)};
+    data_bio.reset(signed_data_bio(std::move(message), sink && attached ? pem_chain(sink.get()) : nullptr));
+    if (!data_bio) fail_openssl("error while allocating BIO memory buffer", P11_SITE);
+#else
+    const unsigned int flags = kStreamFlags | (attached ? 0 : CMS_DETACHED);
     P11_DEBUG("signing initialization");
     ossl::cms_ptr newCms(CMS_sign(nullptr, nullptr, nullptr, nullptr, flags));
     if (!newCms) fail_openssl("error while signing initialization", P11_SITE);
@@ -225,15 +228,7 @@ void Signer::init() {
     add_signing_certificate(si, key.get(), c->getX509());
     if (sink) *sink = signer_sink{std::move(sink->write)};
     if (sink && attached) {
-        // PEM as OpenSSL streams it: base64 of the DER as it is produced, the content inside.
-        // The base64 filter writes a line at a time: the sink gets them 64 KiB at a time.
-        ossl::bio_ptr out(BIO_new(sink_method()));
-        ossl::bio_ptr buffer(BIO_new(BIO_f_buffer()));
-        BIO* base64 = BIO_new(BIO_f_base64());
-        if (!out || !buffer || !base64 || BIO_set_write_buffer_size(buffer.get(), 64 * 1024) != 1)
-            fail_openssl("error while allocating BIO memory buffer", P11_SITE);
-        BIO_set_data(out.get(), sink.get());
-        BIO* chain = BIO_push(base64, BIO_push(buffer.release(), out.release()));
+        BIO* chain = pem_chain(sink.get());
         data_bio.reset(BIO_new_CMS(chain, newCms.get()));
         if (!data_bio) BIO_free_all(chain);
     } else {
@@ -241,6 +236,7 @@ void Signer::init() {
         data_bio.reset(CMS_dataInit(newCms.get(), nullptr));
     }
     cms = std::move(newCms);
+#endif
     pkey.reset(key.release());
     P11_DEBUG("Adding CertID Algorithm Agility is completed");
 }
@@ -280,16 +276,28 @@ void Signer::rearm_and_throw(int code, const char* message) {
 
 std::string Signer::finish() {
     P11_DEBUG("signing finalization");
-    if (!cms || !data_bio) {
+#ifdef ZORVO_ENGINE
+    const bool ready = cms && data_bio;
+#else
+    signed_data* message = signed_data_of(data_bio.get());
+    const bool ready = message != nullptr;
+#endif
+    if (!ready) {
         P11_ERROR("signer is not initialized");
         throw process_error(300, "signer is not initialized");
     }
     // Streaming out, the flush signs and sends the rest down the chain. It cannot start an empty
     // content, which is then written in one piece as the other ways do.
     const bool streaming = sink && attached && sink->content;
+#ifdef ZORVO_ENGINE
     if (sink && attached && !streaming) (*CMS_get0_content(cms.get()))->flags &= ~ASN1_STRING_FLAG_NDEF;
     const bool done = streaming ? !sink->failed && BIO_flush(data_bio.get()) == 1
                                 : (BIO_flush(data_bio.get()), CMS_dataFinal(cms.get(), data_bio.get()) == 1);
+#else
+    std::string der;
+    const bool done =
+        !(sink && sink->failed) && message->finish(der) && (!streaming || BIO_flush(data_bio.get()) == 1);
+#endif
     if (!done && sink && sink->failed) {
         P11_ERROR("error while writing PEM: the sink refused the output");
         rearm_and_throw(300, "error while writing PEM");
@@ -304,9 +312,14 @@ std::string Signer::finish() {
         if (sink) rearm_and_throw(300, "error while signing finalization");
         throw process_error(300, "error while signing finalization");
     }
-    if (auto c = certificate.lock()) last_verified = signer_signature_verifies(cms.get(), c->getX509());
     // The signature is made: whatever happens to its output, the next message is ready.
+#ifdef ZORVO_ENGINE
+    if (auto c = certificate.lock()) last_verified = signer_signature_verifies(cms.get(), c->getX509());
     const std::string pem = streaming ? std::string() : write_pem(cms.get());
+#else
+    last_verified = message->verifies();
+    const std::string pem = streaming ? std::string() : pem_of_der(der);
+#endif
     const bool written =
         !sink || (streaming ? sink->take(kPemEnd, sizeof kPemEnd - 1) : sink->send(pem.data(), pem.size()));
     reset();

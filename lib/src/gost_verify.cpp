@@ -138,7 +138,9 @@ group_ptr build(const gost_curve& curve) {
     if (!g || EC_POINT_set_affine_coordinates(group.get(), g.get(), x.get(), y.get(), ctx.get()) != 1 ||
         EC_GROUP_set_generator(group.get(), g.get(), q.get(), nullptr) != 1)
         return nullptr;
-    EC_GROUP_precompute_mult(group.get(), ctx.get());
+#ifndef OPENSSL_NO_DEPRECATED_3_0
+    EC_GROUP_precompute_mult(group.get(), ctx.get());  // gone without the deprecated API: slower, same result
+#endif
     return group;
 }
 

@@ -4,10 +4,12 @@
 #include <atomic>
 #include <memory>
 
-#include <openssl/engine.h>
 #include <openssl/evp.h>
-#include <openssl/rsa.h>
 #include <openssl/x509.h>
+#ifdef ZORVO_ENGINE
+#include <openssl/engine.h>
+#include <openssl/rsa.h>
+#endif
 #include <p11-kit/pkcs11.h>
 
 namespace p11 {
@@ -57,15 +59,24 @@ void claim_engine(const std::shared_ptr<Session>& session, const log_site& site)
 /// Gives the claim back (streaming signer only).
 void release_engine() noexcept;
 
-extern ENGINE* p11_engine;
-extern const int p11_pkey_nids[3];
-int p11_pkey_meths(ENGINE* e, EVP_PKEY_METHOD** pmeth, const int** nids, int nid);
-int p11_pkey_asn1_meths(ENGINE* e, EVP_PKEY_ASN1_METHOD** ameth, const int** nids, int nid);
+/// An OpenSSL key for a private key object on the token, its public half from the certificate's
+/// `pub`, its private operations done on the token: RSA (null when `pub` is no RSA key), signing
+/// with `key` through the slot and session given; GOST R 34.10 (null when OpenSSL refuses the
+/// type), signing through the session that holds the claim.
+EVP_PKEY* token_rsa_key(std::weak_ptr<Slot> slot, std::weak_ptr<Session> session, CK_OBJECT_HANDLE key,
+                        X509_PUBKEY* pub);
+EVP_PKEY* token_gost_key(CK_OBJECT_HANDLE key, X509_PUBKEY* pub);
 
 /// Signs `tbs` on the token with C_SignInit/C_Sign; 1 on success, 0 on failure (logged; a
 /// failed C_Sign also goes on OpenSSL's error queue with the return value as reason).
 int p11_pkey_sign(std::weak_ptr<Slot> slot, std::weak_ptr<Session> session, CK_OBJECT_HANDLE key, int nid,
                   unsigned char* sig, size_t* siglen, const unsigned char* tbs, size_t tbslen);
+
+#ifdef ZORVO_ENGINE
+extern ENGINE* p11_engine;
+extern const int p11_pkey_nids[3];
+int p11_pkey_meths(ENGINE* e, EVP_PKEY_METHOD** pmeth, const int** nids, int nid);
+int p11_pkey_asn1_meths(ENGINE* e, EVP_PKEY_ASN1_METHOD** ameth, const int** nids, int nid);
 
 /// Ties an RSA object to its token key; ex-data index 0 of the RSA, freed with the RSA.
 struct p11_rsa_key_data {
@@ -91,5 +102,6 @@ extern EVP_PKEY_ASN1_METHOD* ameth_GostR3410_2012_512;
 extern EVP_PKEY_METHOD* pmeth_GostR3410_2001;
 extern EVP_PKEY_METHOD* pmeth_GostR3410_2012_256;
 extern EVP_PKEY_METHOD* pmeth_GostR3410_2012_512;
+#endif
 
 }  // namespace p11

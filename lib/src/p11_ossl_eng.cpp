@@ -9,7 +9,9 @@
 #include "Session.h"
 #include "log.h"
 #include "p11_ossl.h"
+#ifdef ZORVO_ENGINE
 #include "p11_ossl_md.h"
+#endif
 
 namespace p11 {
 
@@ -62,6 +64,7 @@ void release_engine() noexcept {
     std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
+#ifdef ZORVO_ENGINE
 ENGINE* p11_engine = nullptr;
 const int p11_pkey_nids[3] = {NID_id_GostR3410_2001, NID_id_GostR3410_2012_256, NID_id_GostR3410_2012_512};
 
@@ -128,5 +131,8 @@ void reg_pkcs11_engine() {
         p11_engine = e;
     });
 }
+
+OSSL_LIB_CTX* openssl_libctx() { return nullptr; }
+#endif
 
 }  // namespace p11

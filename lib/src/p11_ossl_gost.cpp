@@ -8,6 +8,7 @@
 
 #include "gost_verify.h"
 #include "log.h"
+#include "ossl_ptr.h"
 #include "p11_ossl.h"
 
 namespace p11 {
@@ -192,6 +193,19 @@ struct gost_row {
 };
 
 }  // namespace
+
+EVP_PKEY* token_gost_key(CK_OBJECT_HANDLE key, X509_PUBKEY* pub) {
+    ASN1_OBJECT* algorithm = nullptr;
+    X509_PUBKEY_get0_param(&algorithm, nullptr, nullptr, nullptr, pub);
+    // The record borrows the certificate's public key; the key type's free callback frees it.
+    auto* record = static_cast<p11_gost_key_data*>(OPENSSL_zalloc(sizeof(p11_gost_key_data)));
+    ossl::evp_pkey_ptr pkey(EVP_PKEY_new());
+    if (record != nullptr) *record = {pub, key};
+    if (record != nullptr && pkey && EVP_PKEY_assign(pkey.get(), OBJ_obj2nid(algorithm), record) == 1)
+        return pkey.release();
+    OPENSSL_free(record);
+    return nullptr;
+}
 
 void p11_gost_init() {
     const gost_row rows[] = {

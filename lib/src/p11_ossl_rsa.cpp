@@ -7,6 +7,7 @@
 #include <openssl/x509.h>
 
 #include "log.h"
+#include "ossl_ptr.h"
 #include "p11_ossl.h"
 
 namespace p11 {
@@ -72,6 +73,29 @@ RSA_METHOD* p11_get_rsa_method() {
         return m;
     }();
     return ops;
+}
+
+EVP_PKEY* token_rsa_key(std::weak_ptr<Slot> slot, std::weak_ptr<Session> session, CK_OBJECT_HANDLE key,
+                        X509_PUBKEY* pub) {
+    using rsa_ptr = std::unique_ptr<RSA, ossl::Deleter<RSA, RSA_free>>;
+    ossl::evp_pkey_ptr certKey(X509_PUBKEY_get(pub));
+    const RSA* certRsa = certKey ? EVP_PKEY_get0_RSA(certKey.get()) : nullptr;
+    if (certRsa == nullptr) return nullptr;
+    const BIGNUM *n = nullptr, *e = nullptr;
+    RSA_get0_key(certRsa, &n, &e, nullptr);
+    auto record = std::make_unique<p11_rsa_key_data>();
+    record->slot = std::move(slot);
+    record->session = std::move(session);
+    record->key = key;
+    rsa_ptr rsa(RSA_new());
+    ossl::evp_pkey_ptr pkey(EVP_PKEY_new());
+    // Method and record go on before the key is assigned: OpenSSL 3 then keeps the key on the
+    // legacy path (a foreign key), and signing reaches our callback.
+    RSA_set_method(rsa.get(), p11_get_rsa_method());
+    p11_rsa_attach(rsa.get(), std::move(record));
+    RSA_set0_key(rsa.get(), BN_dup(n), BN_dup(e), nullptr);
+    EVP_PKEY_set1_RSA(pkey.get(), rsa.get());
+    return pkey.release();
 }
 
 void p11_rsa_attach(RSA* rsa, std::unique_ptr<p11_rsa_key_data> record) {

@@ -42,7 +42,13 @@ int p11_pkey_sign(std::weak_ptr<Slot> slot, std::weak_ptr<Session> session, CK_O
         }
         log_p11_error("C_Sign()", rv);
         // The reason carries the PKCS#11 value: the streaming signer tells a cancellation by it.
+#ifdef ZORVO_ENGINE
         ERR_put_error(ERR_LIB_RSA, 0, static_cast<int>(rv), "p11_ossl_sign", 35);
+#else
+        ERR_new();
+        ERR_set_debug("p11_ossl_sign", 35, nullptr);
+        ERR_set_error(ERR_LIB_RSA, static_cast<int>(rv), nullptr);
+#endif
         return 0;
     } catch (const process_error&) {
         // The module went away under the slot (already logged); a callback never throws.

@@ -1,12 +1,19 @@
 #include "sign_util.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include <openssl/buffer.h>
 #include <openssl/err.h>
 #include <openssl/pem.h>
+#include <openssl/x509v3.h>
 
+#include "Signer.h"
 #include "log.h"
+#include "p11_ossl_eng.h"
+#ifndef ZORVO_ENGINE
+#include "p11_prov.h"
+#endif
 
 namespace p11 {
 
@@ -23,6 +30,68 @@ unsigned long log_openssl_error(const char* message, const log_site& site) {
 void fail_openssl(const char* message, const log_site& site) {
     log_openssl_error(message, site);
     throw process_error(300, message);
+}
+
+X509* x509_from_der(const unsigned char* der, long length) {
+    X509* cert = X509_new_ex(openssl_libctx(), nullptr);
+    if (cert == nullptr) return nullptr;
+    // On failure d2i frees the object it was given.
+    return d2i_X509(&cert, &der, length);
+}
+
+md_ptr digest_by_nid(int nid) {
+#ifdef ZORVO_ENGINE
+    // Static digests and the engine's: EVP_MD_free leaves them alone.
+    return md_ptr(const_cast<EVP_MD*>(EVP_get_digestbyname(OBJ_nid2sn(nid))));
+#else
+    return fetch_md(OBJ_nid2sn(nid));
+#endif
+}
+
+der_buffer sequence_of(const der_buffer& content) {
+    const int length = static_cast<int>(content.size());
+    der_buffer out(static_cast<size_t>(ASN1_object_size(1, length, V_ASN1_SEQUENCE)));
+    unsigned char* p = out.data();
+    ASN1_put_object(&p, 1, length, V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL);
+    std::copy(content.begin(), content.end(), p);
+    return out;
+}
+
+der_buffer issuer_serial(X509* cert) {
+    using general_names_ptr =
+        std::unique_ptr<GENERAL_NAMES, ossl::Deleter<GENERAL_NAMES, GENERAL_NAMES_free>>;
+    general_names_ptr issuer(GENERAL_NAMES_new());
+    GENERAL_NAME* name = GENERAL_NAME_new();
+    GENERAL_NAME_set0_value(name, GEN_DIRNAME, X509_NAME_dup(X509_get_issuer_name(cert)));
+    sk_GENERAL_NAME_push(issuer.get(), name);
+    der_buffer content;
+    append_der(content, issuer.get(), i2d_GENERAL_NAMES);
+    append_der(content, X509_get0_serialNumber(cert), i2d_ASN1_INTEGER);
+    return sequence_of(content);
+}
+
+// OpenSSL 3 already knows the identifier under another name, so creating it fails: the
+// existing object is the same on the wire.
+int signing_certificate_nid() {
+    static const char kOid[] = "1.2.840.113549.1.9.16.2.47";
+    int nid = OBJ_sn2nid(ESS_OBJ_SN);
+    if (nid != NID_undef) return nid;
+    ERR_set_mark();
+    nid = OBJ_create(kOid, ESS_OBJ_SN, "id-aa-signingCertificateV2");
+    ERR_pop_to_mark();
+    return nid != NID_undef ? nid : OBJ_txt2nid(kOid);
+}
+
+std::string pem_of_der(const std::string& der) {
+    ossl::bio_ptr out(BIO_new(BIO_s_mem()));
+    if (!out) fail_openssl("error while allocating BIO memory buffer", P11_SITE);
+    P11_DEBUG("writing PEM");
+    if (PEM_write_bio(out.get(), "CMS", "", reinterpret_cast<const unsigned char*>(der.data()),
+                      static_cast<long>(der.size())) <= 0)
+        fail_openssl("error while writing PEM", P11_SITE);
+    BUF_MEM* buffer = nullptr;
+    BIO_get_mem_ptr(out.get(), &buffer);
+    return std::string(buffer->data, buffer->length);
 }
 
 std::string write_pem(CMS_ContentInfo* cms) {
@@ -44,7 +113,7 @@ signer_certificate::signer_certificate(X509* cert) : cert_(cert) {
     std::unique_ptr<unsigned char, void (*)(void*)> der(encoded, OPENSSL_freeFunc);
     if (len <= 0) return;
     const unsigned char* p = der.get();
-    fresh_.reset(d2i_X509(nullptr, &p, len));
+    fresh_.reset(x509_from_der(p, len));
     ERR_clear_error();
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 // Steps shared by the one-shot and the streaming signer.
 #include <string>
+#include <vector>
 
 #include <openssl/cms.h>
 #include <openssl/x509.h>
@@ -11,11 +12,44 @@ namespace p11 {
 
 struct log_site;
 
+using md_ptr = std::unique_ptr<EVP_MD, ossl::Deleter<EVP_MD, EVP_MD_free>>;
+using md_ctx_ptr = std::unique_ptr<EVP_MD_CTX, ossl::Deleter<EVP_MD_CTX, EVP_MD_CTX_free>>;
+
+/// The digest of `nid` as the library has it: OpenSSL's, or the library's GOST R 34.11 ones (its
+/// engine's, or its provider's, looked up by name); null when there is none.
+md_ptr digest_by_nid(int nid);
+
 /// Takes the oldest OpenSSL error (even when ERROR is off), logs `message` followed by its
 /// text at ERROR, and returns the code.
 unsigned long log_openssl_error(const char* message, const log_site& site);
 /// log_openssl_error, then process_error(300, message).
 [[noreturn]] void fail_openssl(const char* message, const log_site& site);
+
+/// A certificate from its DER, parsed in the library's OpenSSL context (see openssl_libctx); null
+/// when it is no certificate.
+X509* x509_from_der(const unsigned char* der, long length);
+
+using der_buffer = std::vector<unsigned char>;
+
+/// A DER SEQUENCE around `content`.
+der_buffer sequence_of(const der_buffer& content);
+/// Appends the DER of `object`.
+template <typename T>
+void append_der(der_buffer& out, const T* object, int (*encode)(const T*, unsigned char**)) {
+    const int length = encode(object, nullptr);
+    if (length <= 0) return;
+    const size_t at = out.size();
+    out.resize(at + static_cast<size_t>(length));
+    unsigned char* p = out.data() + at;
+    encode(object, &p);
+}
+/// The ESS IssuerSerial of a certificate: its issuer as the one directoryName, its serial number.
+der_buffer issuer_serial(X509* cert);
+/// The NID of the signing-certificate-v2 attribute (ESS_OBJ_SN), made known to OpenSSL if need be.
+int signing_certificate_nid();
+
+/// DER as one PEM block of type "CMS".
+std::string pem_of_der(const std::string& der);
 
 /// The CMS structure as one PEM block; throws process_error(300) on failure.
 std::string write_pem(CMS_ContentInfo* cms);

@@ -201,25 +201,33 @@ inline std::string verify(const std::string& signature, X509* signer, const std:
     return run(command, &log) == 0 ? read(tag + ".out") : "FAILED: " + log;
 }
 
-/// CMS_verify in this process (GOST by the library's engine): the content the signature covers,
-/// or "FAILED". PEM or DER; the signer's certificate is trusted as it is.
+/// The library's CMS_verify in this process: the content the signature covers, or "FAILED". PEM or
+/// DER; the signer's certificate is trusted as it is.
 inline std::string verify_here(const std::string& signature, X509* signer, const std::string* detached) {
     p11::ossl::bio_ptr in(BIO_new_mem_buf(signature.data(), int(signature.size())));
-    p11::ossl::cms_ptr cms(signature.rfind("-----", 0) == 0
-                               ? PEM_read_bio_CMS(in.get(), nullptr, nullptr, nullptr)
-                               : d2i_CMS_bio(in.get(), nullptr));
+    p11::ossl::cms_ptr cms = p11::read_cms(in.get());
     p11::ossl::bio_ptr content(detached ? BIO_new_mem_buf(detached->data(), int(detached->size())) : nullptr);
     p11::ossl::bio_ptr out(BIO_new(BIO_s_mem()));
     STACK_OF(X509)* certs = sk_X509_new_null();
     sk_X509_push(certs, signer);
-    const int ok = cms ? CMS_verify(cms.get(), certs, nullptr, content.get(), out.get(),
-                                    CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY)
+    const int ok = cms ? p11::cms_verify(cms.get(), certs, nullptr, content.get(), out.get(),
+                                         CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY)
                        : 0;
     sk_X509_free(certs);
     ERR_clear_error();
     char* data = nullptr;
     const long len = BIO_get_mem_data(out.get(), &data);
     return ok == 1 ? std::string(data, size_t(len)) : "FAILED";
+}
+
+/// A PEM certificate, parsed where the library's GOST keys are known.
+inline p11::ossl::x509_ptr certificate(const std::string& pem) {
+    p11::ossl::bio_ptr in(BIO_new_mem_buf(pem.data(), int(pem.size())));
+    X509* cert = X509_new_ex(p11::openssl_libctx(), nullptr);
+    if (cert != nullptr && PEM_read_bio_X509(in.get(), &cert, nullptr, nullptr) != nullptr)
+        return p11::ossl::x509_ptr(cert);
+    X509_free(cert);
+    return nullptr;
 }
 
 }  // namespace fx

@@ -185,7 +185,9 @@ void add_identity(const std::string& dir, const std::string& name, unsigned char
                         {CKA_ID, keyId},
                         {CKA_LABEL, label},
                         {CKA_KEY_TYPE, ulong_bytes(type)},
-                        {CKA_VALUE, octets ? Bytes(octets->data, octets->data + octets->length) : Bytes()}},
+                        {CKA_VALUE, octets ? Bytes(ASN1_STRING_get0_data(octets),
+                                                   ASN1_STRING_get0_data(octets) + ASN1_STRING_length(octets))
+                                           : Bytes()}},
                        "",
                        {}});
     ASN1_OCTET_STRING_free(octets);

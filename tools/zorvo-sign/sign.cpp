@@ -161,7 +161,7 @@ int run_sign(const Options& o) {
         if (o.oneShot) {
             const std::string pem = choice.cert->signOnIt(std::move(login), data.c_str(), !o.detached);
             p11::ossl::bio_ptr in(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-            p11::ossl::cms_ptr cms(PEM_read_bio_CMS(in.get(), nullptr, nullptr, nullptr));
+            p11::ossl::cms_ptr cms = p11::read_cms(in.get());
             verifies = p11::signer_signature_verifies(cms.get(), choice.cert->getX509());
             output.write(pem);
         } else {

@@ -1,6 +1,5 @@
 // zorvo-sign verify: a CMS signature, ours or anyone's, RSA or GOST, checked and described.
 #include <openssl/err.h>
-#include <openssl/ess.h>
 #include <openssl/pem.h>  // before cms.h, which declares its PEM functions only then
 
 #include <openssl/cms.h>
@@ -22,9 +21,7 @@ using store_ptr = std::unique_ptr<X509_STORE, p11::ossl::Deleter<X509_STORE, X50
 p11::ossl::cms_ptr read_signature(const std::string& path) {
     p11::ossl::bio_ptr in(BIO_new_file(path.c_str(), "rb"));
     if (!in) throw Failure(kFile, "cannot read " + path + ": " + ERR_reason_error_string(ERR_get_error()));
-    p11::ossl::cms_ptr cms(PEM_read_bio_CMS(in.get(), nullptr, nullptr, nullptr));
-    if (!cms && BIO_reset(in.get()) == 0) cms.reset(d2i_CMS_bio(in.get(), nullptr));
-    ERR_clear_error();
+    p11::ossl::cms_ptr cms = p11::read_cms(in.get());
     if (!cms || OBJ_obj2nid(CMS_get0_type(cms.get())) != NID_pkcs7_signed)
         throw Failure(kFile, path + " is no CMS signature");
     return cms;
@@ -44,7 +41,7 @@ std::string openssl_reason() {
 
 std::string attribute_text(CMS_SignerInfo* si, int nid) {
     X509_ATTRIBUTE* a = CMS_signed_get_attr(si, CMS_signed_get_attr_by_NID(si, nid, -1));
-    ASN1_TYPE* value = a ? X509_ATTRIBUTE_get0_type(a, 0) : nullptr;
+    const ASN1_TYPE* value = a ? X509_ATTRIBUTE_get0_type(a, 0) : nullptr;
     if (!value || (value->type != V_ASN1_UTCTIME && value->type != V_ASN1_GENERALIZEDTIME)) return "";
     p11::ossl::bio_ptr out(BIO_new(BIO_s_mem()));
     ASN1_TIME_print(out.get(), value->value.utctime);
@@ -55,19 +52,14 @@ std::string attribute_text(CMS_SignerInfo* si, int nid) {
 
 // The signing-certificate-v2 attribute against the signer's certificate.
 std::string signing_certificate_v2(CMS_SignerInfo* si, X509* signer) {
-    const int nid = OBJ_txt2nid("1.2.840.113549.1.9.16.2.47");
-    X509_ATTRIBUTE* a = CMS_signed_get_attr(si, CMS_signed_get_attr_by_NID(si, nid, -1));
-    ASN1_TYPE* value = a ? X509_ATTRIBUTE_get0_type(a, 0) : nullptr;
-    if (!value || value->type != V_ASN1_SEQUENCE) return "absent";
-    const unsigned char* p = value->value.sequence->data;
-    std::unique_ptr<ESS_SIGNING_CERT_V2, void (*)(ESS_SIGNING_CERT_V2*)> ess(
-        d2i_ESS_SIGNING_CERT_V2(nullptr, &p, value->value.sequence->length), ESS_SIGNING_CERT_V2_free);
-    STACK_OF(X509)* chain = sk_X509_new_null();
-    sk_X509_push(chain, signer);
-    const bool ok = ess && signer && OSSL_ESS_check_signing_certs(nullptr, ess.get(), chain, 1) == 1;
-    sk_X509_free(chain);
-    ERR_clear_error();
-    return ok ? "matches the certificate" : "DOES NOT MATCH the certificate";
+    switch (p11::signing_certificate_v2_check(si, signer)) {
+        case -1:
+            return "absent";
+        case 1:
+            return "matches the certificate";
+        default:
+            return "DOES NOT MATCH the certificate";
+    }
 }
 
 }  // namespace
@@ -85,7 +77,7 @@ int run_verify(const Options& o) {
     p11::ossl::bio_ptr out(BIO_new(o.out.empty() ? BIO_s_null() : BIO_s_mem()));
     store_ptr store(X509_STORE_new());
     if (!o.ca.empty()) {
-        if (X509_STORE_load_file(store.get(), o.ca.c_str()) != 1)
+        if (X509_STORE_load_file_ex(store.get(), o.ca.c_str(), p11::openssl_libctx(), nullptr) != 1)
             throw Failure(kFile, "cannot read trust anchors from " + o.ca + ": " + openssl_reason());
         // Any anchor in the file ends the chain, and signing certificates need no particular purpose.
         X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);
@@ -93,7 +85,7 @@ int run_verify(const Options& o) {
     }
     ERR_clear_error();
     const unsigned flags = CMS_BINARY | (o.noChain ? CMS_NO_SIGNER_CERT_VERIFY : 0);
-    const bool valid = CMS_verify(cms.get(), nullptr, store.get(), content.get(), out.get(), flags) == 1;
+    const bool valid = p11::cms_verify(cms.get(), nullptr, store.get(), content.get(), out.get(), flags) == 1;
     const std::string why = valid ? "" : openssl_reason();
 
     CMS_SignerInfo* si = sk_CMS_SignerInfo_value(CMS_get0_SignerInfos(cms.get()), 0);
