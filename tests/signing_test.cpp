@@ -94,6 +94,50 @@ TEST_P(Signing, VerifiesElsewhereAndCoversExactlyTheData) {
         }
 }
 
+// The token's key as a host may use it beside the library, while it holds the signing claim: its
+// public half is the certificate's, what it signs verifies with the certificate's key and with no
+// other key or data, and so does a certificate it issues for another key.
+TEST_P(Signing, TheKeyInAHostsHands) {
+    const Identity& id = GetParam();
+    fx::provider("", id.token == std::string("zorvo-g"));
+    fx::Road road(id.token, id.label);
+    fx::free_engine();
+    auto claim = road.cert->startSigning(road.login(), true);
+    auto key = road.session->get_private_key_by_x509(road.cert);
+    X509* cert = road.cert->getX509();
+    EVP_PKEY* pub = X509_get0_pubkey(cert);
+    EXPECT_EQ(EVP_PKEY_eq(key.get(), pub), 1);
+    EXPECT_EQ(EVP_PKEY_get_bits(key.get()), EVP_PKEY_get_bits(pub));
+    const std::string data = "signed by the host";
+    auto bytes = [](const std::string& s) { return reinterpret_cast<const unsigned char*>(s.data()); };
+    std::vector<unsigned char> sig(512);
+    size_t len = sig.size();
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), EVP_MD_CTX_free);
+    ASSERT_EQ(EVP_DigestSignInit(ctx.get(), nullptr, id.certHash(), nullptr, key.get()), 1);
+    ASSERT_EQ(EVP_DigestSign(ctx.get(), sig.data(), &len, bytes(data), data.size()), 1);
+    for (const std::string& message : {data, data + "!"}) {
+        EVP_MD_CTX_reset(ctx.get());
+        EXPECT_EQ(EVP_DigestVerifyInit_ex(ctx.get(), nullptr, EVP_MD_get0_name(id.certHash()),
+                                          p11::openssl_libctx(), nullptr, pub, nullptr) == 1 &&
+                      EVP_DigestVerify(ctx.get(), sig.data(), len, bytes(message), message.size()) == 1,
+                  message == data);
+    }
+    p11::ossl::x509_ptr issued(X509_new_ex(p11::openssl_libctx(), nullptr));
+    X509_set_version(issued.get(), 2);
+    ASN1_INTEGER_set(X509_get_serialNumber(issued.get()), 7);
+    X509_set_issuer_name(issued.get(), X509_get_subject_name(cert));
+    X509_set_subject_name(issued.get(), X509_get_subject_name(cert));
+    X509_gmtime_adj(X509_getm_notBefore(issued.get()), 0);
+    X509_gmtime_adj(X509_getm_notAfter(issued.get()), 3600);
+    p11::ossl::evp_pkey_ptr subjectKey(EVP_EC_gen("P-256"));
+    X509_set_pubkey(issued.get(), subjectKey.get());
+    ASSERT_GT(X509_sign(issued.get(), key.get(), id.certHash()), 0);
+    for (auto& c : *road.certs)
+        EXPECT_EQ(p11::x509_verify(issued.get(), X509_get0_pubkey(c->getX509())) == 1,
+                  c->getLabel() == id.label)
+            << c->getLabel();
+}
+
 TEST(Signing, TheEngineHasOneSignatureAtATime) {
     fx::provider();
     fx::Road road("zorvo-a", "rsa1");

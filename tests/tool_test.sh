@@ -48,7 +48,7 @@ check() {
 # One run a line: STATUS | TP rules | the command (zs is the tool; $m: SoftHSM2, $t: the test
 # token) | the last line of standard error (a pattern; '' for none) | a check of what it wrote.
 zs() { "$tool" "$@"; }
-m="--module $MODULE" t="--module $tprov --token zorvo-g"
+m="--module $MODULE" t="--module $tprov --token zorvo-g" chain=$src/tests/data/gost-chain
 s="sign --in doc.txt --out out.pem"
 while IFS='|' read -r status rules args message after; do
   row="$args"
@@ -92,9 +92,11 @@ done <<EOF
 11||zs $s $m --cert mismatch --token zorvo-c|zorvo-sign: the signature does not verify against certificate "mismatch": the token's key under its identifier belongs to another certificate|
 0||zs verify --sig signed-by-us.pem --no-chain --out out.txt||cmp -s out.txt doc.txt || fail "content"
 0||zs verify --sig detached-by-us.pem --in doc.txt --ca $DIR/ca.crt.pem||grep -q '^signer:     CN=Zorvo RSA Two,OU=' stdout && grep -qx 'signing-certificate-v2: matches the certificate' stdout && grep -q '^chain:      checked up to ' stdout || fail "\$(cat stdout)"
-14||zs verify --sig detached-by-us.pem --in nul.bin --ca $DIR/ca.crt.pem|zorvo-sign: the signature does not verify: verification failure|
+14||zs verify --sig detached-by-us.pem --in nul.bin --ca $DIR/ca.crt.pem|zorvo-sign: the signature does not verify: content verify error|
 14||zs verify --sig signed-by-us.pem --ca $DIR/ca.crt.pem|zorvo-sign: the signature does not verify: certificate verify error: Verify error: *|
 0||zs verify --sig gost-by-us.pem --ca gost2012_tc26a.pem||grep -qx 'digest:     GOST R 34.11-2012 with 256 bit hash' stdout || fail "\$(cat stdout)"
+0||ZORVO_TP_GOST=$chain zs sign --in doc.txt --out chain.pem $t --cert issued >/dev/null && zs verify --sig chain.pem --ca $chain/ca.pem --out out.txt||cmp -s out.txt doc.txt || fail "content"
+14||zs verify --sig chain.pem --ca $chain/impostor.pem|zorvo-sign: the signature does not verify: certificate verify error: Verify error: certificate signature failure|
 0||zs verify --sig by-openssl.pem --in doc.txt --no-chain||grep -qx 'signing-certificate-v2: absent' stdout || fail "\$(cat stdout)"
 0||zs verify --sig $src/tests/data/gost-verify/gost2012_512-C.sig.der --in $src/tests/data/gost-verify/message.txt --ca $src/tests/data/gost-verify/gost2012_512-C.cert.pem||
 3||zs verify --sig doc.txt --no-chain|zorvo-sign: doc.txt is no CMS signature|

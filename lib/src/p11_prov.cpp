@@ -109,6 +109,12 @@ OSSL_LIB_CTX* openssl_libctx() {
             EVP_set_default_properties(c, "?provider=default") != 1) {
             P11_ERROR("failed to prepare the OpenSSL library context");
         }
+        // OpenSSL adds a provider's algorithms to a context when something first fetches them. Had
+        // the first fetch asked our provider alone, ours would be all there is for a name both
+        // providers have, and the preference for the default one would find nothing to prefer.
+        EVP_KEYMGMT_free(EVP_KEYMGMT_fetch(c, "RSA", nullptr));
+        EVP_SIGNATURE_free(EVP_SIGNATURE_fetch(c, "RSA", nullptr));
+        EVP_MD_free(EVP_MD_fetch(c, "SHA256", nullptr));
         return c;
     }();
     return context;

@@ -27,11 +27,11 @@ p11::ossl::cms_ptr read_signature(const std::string& path) {
     return cms;
 }
 
-// The first error OpenSSL gave, with its detail ("Verify error: certificate has expired").
+// OpenSSL's verdict: its last error, with its detail ("Verify error: certificate has expired").
 std::string openssl_reason() {
     const char* data = nullptr;
     int flags = 0;
-    const unsigned long e = ERR_get_error_all(nullptr, nullptr, nullptr, &data, &flags);
+    const unsigned long e = ERR_peek_last_error_all(nullptr, nullptr, nullptr, &data, &flags);
     std::string text =
         e ? ERR_reason_error_string(e) ? ERR_reason_error_string(e) : "unknown error" : "no reason given";
     if (e && data && *data && (flags & ERR_TXT_STRING)) text += std::string(": ") + data;

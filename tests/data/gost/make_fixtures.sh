@@ -35,3 +35,28 @@ for alg in gost2001 gost2012_256 gost2012_512; do
     rm -f "$out.key.pem"
   done
 done
+# ../gost-chain/: an identity whose certificate a GOST CA (ca.pem) issued, the CA's key not kept:
+# a chain to check with the library's GOST digests.
+mkdir -p ../gost-chain
+if [ ! -f ../gost-chain/ca.pem ]; then
+  openssl req -x509 -engine gost -newkey gost2012_256 -pkeyopt paramset:A -nodes -keyout ../gost-chain/ca.key.pem \
+    -out ../gost-chain/ca.cert.pem -subj "/CN=Zorvo test GOST CA/O=Zorvo test" -days 7300 -md_gost12_256 \
+    -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign 2>/dev/null
+  openssl req -new -engine gost -newkey gost2012_256 -pkeyopt paramset:B -nodes -keyout ../gost-chain/issued.key.pem \
+    -subj "/CN=issued by the gost CA/O=Zorvo test" -out ../gost-chain/issued.csr 2>/dev/null
+  openssl x509 -req -engine gost -in ../gost-chain/issued.csr -CA ../gost-chain/ca.cert.pem \
+    -CAkey ../gost-chain/ca.key.pem -set_serial 7 -days 7300 -md_gost12_256 \
+    -extfile <(echo keyUsage=critical,digitalSignature,nonRepudiation) -out ../gost-chain/issued.cert.pem 2>/dev/null
+  openssl pkey -engine gost -in ../gost-chain/issued.key.pem -text -noout 2>/dev/null |
+    sed -n 's/^Private key: //p' >../gost-chain/issued.key.hex
+  mv ../gost-chain/ca.cert.pem ../gost-chain/ca.pem  # not an identity of the test token
+  rm -f ../gost-chain/*.key.pem ../gost-chain/issued.csr
+fi
+# ../gost-chain/impostor.pem: the CA's name and key identifier on another key.
+if [ ! -f ../gost-chain/impostor.pem ]; then
+  ski=$(openssl x509 -in ../gost-chain/ca.pem -noout -ext subjectKeyIdentifier | sed -n '2s/ //gp')
+  openssl req -x509 -engine gost -newkey gost2012_256 -pkeyopt paramset:A -nodes -keyout /dev/null \
+    -out ../gost-chain/impostor.pem -subj "/CN=Zorvo test GOST CA/O=Zorvo test" -days 7300 -md_gost12_256 \
+    -addext basicConstraints=critical,CA:TRUE -addext keyUsage=critical,keyCertSign,cRLSign \
+    -addext "subjectKeyIdentifier=$ski" 2>/dev/null
+fi
