@@ -15,19 +15,20 @@ prefix=$cache/$1
 sudo_cmd=""
 [ "$(id -u)" -eq 0 ] || sudo_cmd=sudo
 # Source packages of the newer suites, from the same mirror and keyring as the machine's own entry.
-list=/etc/apt/sources.list.d/zorvo-openssl-src.sources
-if [ ! -f "$list" ]; then
-  entry=/etc/apt/sources.list.d/debian.sources
-  uri=$(sed -n 's/^URIs: *//p' "$entry" 2>/dev/null | head -n 1)
-  key=$(sed -n 's/^Signed-By: *//p' "$entry" 2>/dev/null | head -n 1)
-  printf 'Types: deb-src\nURIs: %s\nSuites: trixie experimental\nComponents: main\nSigned-By: %s\n' \
-    "${uri:-http://deb.debian.org/debian}" "${key:-/usr/share/keyrings/debian-archive-keyring.gpg}" |
-    $sudo_cmd tee "$list" >/dev/null
-fi
-$sudo_cmd apt-get update -qq -o Dir::Etc::sourcelist="$list" -o Dir::Etc::sourceparts=- -o APT::Get::List-Cleanup=0
+# The entry stays in the cache, not among the machine's sources: apt uses it for these two calls
+# only, and nothing else the machine fetches comes from those suites.
+mkdir -p "$cache"
+list=$cache/openssl-src.sources
+entry=/etc/apt/sources.list.d/debian.sources
+uri=$(sed -n 's/^URIs: *//p' "$entry" 2>/dev/null | head -n 1)
+key=$(sed -n 's/^Signed-By: *//p' "$entry" 2>/dev/null | head -n 1)
+printf 'Types: deb-src\nURIs: %s\nSuites: trixie experimental\nComponents: main\nSigned-By: %s\n' \
+  "${uri:-http://deb.debian.org/debian}" "${key:-/usr/share/keyrings/debian-archive-keyring.gpg}" >"$list"
+apt_list=(-o Dir::Etc::sourcelist="$list" -o Dir::Etc::sourceparts=- -o APT::Get::List-Cleanup=0)
+$sudo_cmd apt-get update -qq "${apt_list[@]}"
 work=$cache/src-$1
 rm -rf "$work" && mkdir -p "$work"
-(cd "$work" && apt-get source -qq -o Dir::Etc::sourcelist="$list" -o Dir::Etc::sourceparts=- "openssl=$version" >/dev/null)
+(cd "$work" && apt-get source -qq "${apt_list[@]}" "openssl=$version" >/dev/null)
 dir=$(find "$work" -maxdepth 1 -mindepth 1 -type d -name 'openssl-*' | head -n 1)
 [ -n "$dir" ] || { echo "openssl.sh: no source package openssl $version" >&2; exit 1; }
 echo "openssl.sh: building $(basename "$dir") into $prefix (about 5 minutes on 2 cores)" >&2
