@@ -155,7 +155,7 @@ void sweep(const std::string& token, const std::string& label, bool stream) {
                 EXPECT_NE(name_of(calls.at(n)), "C_Sign") << "signed after a failed C_SignInit";
             }
             EXPECT_EQ(fx::count("C_Logout "), fx::count("C_Login 0x0"));
-            // A session whose information cannot be read stays open, as specified.
+            // A session whose information cannot be read stays open: the library keeps it so.
             EXPECT_EQ(fx::count("C_CloseSession "),
                       fx::count("C_OpenSession 0x0") - (fn == "C_GetSessionInfo"));
             EXPECT_EQ(fx::count("C_Finalize "), fx::count("C_Initialize 0x0"));
