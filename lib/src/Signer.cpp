@@ -30,15 +30,6 @@ using algor_ptr = std::unique_ptr<X509_ALGOR, ossl::Deleter<X509_ALGOR, X509_ALG
 using octets_ptr =
     std::unique_ptr<ASN1_OCTET_STRING, ossl::Deleter<ASN1_OCTET_STRING, ASN1_OCTET_STRING_free>>;
 
-// The key's algorithm; a provider's key has no NID of its own.
-int key_type(EVP_PKEY* key) {
-#ifdef ZORVO_ENGINE
-    return EVP_PKEY_id(key);
-#else
-    return key_nid(key);
-#endif
-}
-
 int hash_nid_for(int keyType) {
     switch (keyType) {
         case NID_id_GostR3410_2012_256:
@@ -62,18 +53,15 @@ der_buffer signing_certificate_value(EVP_PKEY* key, X509* cert) {
     algor_ptr algorithm(X509_ALGOR_new());
     octets_ptr certHash(ASN1_OCTET_STRING_new());
     P11_DEBUG("Adding CertID Algorithm Agility ...");
-    const int hashNid = hash_nid_for(key_type(key));
+    const int hashNid = hash_nid_for(key_nid(key));
     X509_ALGOR_set0(algorithm.get(), OBJ_nid2obj(hashNid), V_ASN1_UNDEF, nullptr);
     // Hashing the DER directly: OpenSSL 3's X509_digest finds an application-built digest only
     // through an engine registered for its NID.
     if (const md_ptr md = digest_by_nid(hashNid)) {
-        unsigned char* encoded = nullptr;
-        const int len = i2d_X509(cert, &encoded);
-        std::unique_ptr<unsigned char, void (*)(void*)> der(encoded, OPENSSL_freeFunc);
+        const der_buffer der = der_of(static_cast<const X509*>(cert), i2d_X509);
         unsigned char hash[EVP_MAX_MD_SIZE];
         unsigned int hashLength = 0;
-        if (len > 0 &&
-            EVP_Digest(der.get(), static_cast<size_t>(len), hash, &hashLength, md.get(), nullptr) == 1)
+        if (!der.empty() && EVP_Digest(der.data(), der.size(), hash, &hashLength, md.get(), nullptr) == 1)
             ASN1_OCTET_STRING_set(certHash.get(), hash, static_cast<int>(hashLength));
     }
 

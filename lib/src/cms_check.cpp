@@ -114,13 +114,11 @@ int signing_certificate_v2_check(CMS_SignerInfo* si, X509* cert) {
     const ASN1_TYPE* hash = member(id, at);
     const ASN1_TYPE* issuer = member(id, at + 1);
     const md_ptr md = digest_by_nid(hashNid);
-    unsigned char* der = nullptr;
-    const int length = cert ? i2d_X509(cert, &der) : 0;
-    std::unique_ptr<unsigned char, void (*)(void*)> owned(der, OPENSSL_freeFunc);
+    const der_buffer der = cert ? der_of(static_cast<const X509*>(cert), i2d_X509) : der_buffer();
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int digestLength = 0;
-    if (!md || !hash || hash->type != V_ASN1_OCTET_STRING || length <= 0 ||
-        EVP_Digest(der, static_cast<size_t>(length), digest, &digestLength, md.get(), nullptr) != 1 ||
+    if (!md || !hash || hash->type != V_ASN1_OCTET_STRING || der.empty() ||
+        EVP_Digest(der.data(), der.size(), digest, &digestLength, md.get(), nullptr) != 1 ||
         ASN1_STRING_length(hash->value.octet_string) != static_cast<int>(digestLength) ||
         std::memcmp(ASN1_STRING_get0_data(hash->value.octet_string), digest, digestLength) != 0)
         return 0;

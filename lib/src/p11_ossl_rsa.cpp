@@ -9,6 +9,7 @@
 #include "log.h"
 #include "ossl_ptr.h"
 #include "p11_ossl.h"
+#include "sign_util.h"
 
 namespace p11 {
 
@@ -34,26 +35,8 @@ int p11_rsa_pkey_sign(int type, const unsigned char* m, unsigned int m_len, unsi
     RSA_get0_key(rsa, &n, nullptr, nullptr);
     *siglen = static_cast<unsigned int>((BN_num_bits(n) + 7) / 8);
 
-    // DigestInfo built on the stack: nothing to allocate but the encoding.
-    ASN1_TYPE parameter{};
-    parameter.type = V_ASN1_NULL;
-    X509_ALGOR algorithm{};
-    algorithm.algorithm = const_cast<ASN1_OBJECT*>(OBJ_nid2obj(type));
-    algorithm.parameter = &parameter;
-    ASN1_OCTET_STRING digest{};
-    digest.type = V_ASN1_OCTET_STRING;
-    digest.length = static_cast<int>(m_len);
-    digest.data = const_cast<unsigned char*>(m);
-    if (algorithm.algorithm == nullptr || OBJ_length(algorithm.algorithm) == 0) return 0;
-    // X509_SIG is opaque in OpenSSL 3; its encoding is built from its two parts.
-    const int size = i2d_X509_ALGOR(&algorithm, nullptr) + i2d_ASN1_OCTET_STRING(&digest, nullptr);
-    const int total = ASN1_object_size(1, size, V_ASN1_SEQUENCE);
-    if (size <= 0 || total <= 0 || static_cast<unsigned>(total) + 11 > *siglen) return 0;
-    std::vector<unsigned char> der(static_cast<size_t>(total));
-    unsigned char* p = der.data();
-    ASN1_put_object(&p, 1, size, V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL);
-    i2d_X509_ALGOR(&algorithm, &p);
-    i2d_ASN1_OCTET_STRING(&digest, &p);
+    const der_buffer der = digest_info(type, m, m_len);
+    if (der.empty() || der.size() + 11 > *siglen) return 0;
 
     size_t len = *siglen;  // the token reports at full size_t width; the caller's is 32-bit
     int ok = p11_pkey_sign(record->slot, record->session, record->key, NID_rsa, sigret, &len, der.data(),

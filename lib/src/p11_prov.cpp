@@ -24,25 +24,26 @@ namespace {
 // GOST keys exist only once the host asked for them, as with the engine.
 std::atomic<bool> gost_registered{false};
 
+// Each key type by its short name, long name and OID, as OpenSSL's objects know it: certificates
+// name the type by OID, OpenSSL's CMS and X.509 code by short name.
+constexpr char kRsa[] = "RSA:rsaEncryption:1.2.840.113549.1.1.1";
+constexpr char kGost2001[] = "gost2001:GOST R 34.10-2001:1.2.643.2.2.19";
+constexpr char kGost2012_256[] = "gost2012_256:GOST R 34.10-2012 with 256 bit modulus:1.2.643.7.1.1.1.1";
+constexpr char kGost2012_512[] = "gost2012_512:GOST R 34.10-2012 with 512 bit modulus:1.2.643.7.1.1.1.2";
+
 #define ZORVO_ALGORITHM(names, functions, description) \
     { names, "provider=zorvo", functions, description }
-const OSSL_ALGORITHM kKeymgmt[] = {
-    ZORVO_ALGORITHM("RSA:rsaEncryption:1.2.840.113549.1.1.1", rsa_keymgmt_functions, "RSA key on a token"),
-    ZORVO_ALGORITHM("gost2001:GOST R 34.10-2001:1.2.643.2.2.19", gost_keymgmt_functions, "GOST R 34.10-2001"),
-    ZORVO_ALGORITHM("gost2012_256:GOST R 34.10-2012 with 256 bit modulus:1.2.643.7.1.1.1.1",
-                    gost_keymgmt_functions, "GOST R 34.10-2012 256"),
-    ZORVO_ALGORITHM("gost2012_512:GOST R 34.10-2012 with 512 bit modulus:1.2.643.7.1.1.1.2",
-                    gost_keymgmt_functions, "GOST R 34.10-2012 512"),
-    {nullptr, nullptr, nullptr, nullptr}};
-const OSSL_ALGORITHM kSignature[] = {
-    ZORVO_ALGORITHM("RSA:rsaEncryption:1.2.840.113549.1.1.1", rsa_signature_functions, "RSA on a token"),
-    ZORVO_ALGORITHM("gost2001:GOST R 34.10-2001:1.2.643.2.2.19", gost_signature_functions,
-                    "GOST R 34.10-2001"),
-    ZORVO_ALGORITHM("gost2012_256:GOST R 34.10-2012 with 256 bit modulus:1.2.643.7.1.1.1.1",
-                    gost_signature_functions, "GOST R 34.10-2012 256"),
-    ZORVO_ALGORITHM("gost2012_512:GOST R 34.10-2012 with 512 bit modulus:1.2.643.7.1.1.1.2",
-                    gost_signature_functions, "GOST R 34.10-2012 512"),
-    {nullptr, nullptr, nullptr, nullptr}};
+// A key type's management and its signature go by the same names: OpenSSL finds one by the other.
+#define ZORVO_KEY_TYPES(rsa, gost)                                                                           \
+    {                                                                                                        \
+        ZORVO_ALGORITHM(kRsa, rsa, "RSA on a token"), ZORVO_ALGORITHM(kGost2001, gost, "GOST R 34.10-2001"), \
+            ZORVO_ALGORITHM(kGost2012_256, gost, "GOST R 34.10-2012 256"),                                   \
+            ZORVO_ALGORITHM(kGost2012_512, gost, "GOST R 34.10-2012 512"), {                                 \
+            nullptr, nullptr, nullptr, nullptr                                                               \
+        }                                                                                                    \
+    }
+const OSSL_ALGORITHM kKeymgmt[] = ZORVO_KEY_TYPES(rsa_keymgmt_functions, gost_keymgmt_functions);
+const OSSL_ALGORITHM kSignature[] = ZORVO_KEY_TYPES(rsa_signature_functions, gost_signature_functions);
 const OSSL_ALGORITHM kDigest[] = {
     ZORVO_ALGORITHM("md_gost94:GOST R 34.11-94:1.2.643.2.2.9", gost94_digest_functions, "GOST R 34.11-94"),
     ZORVO_ALGORITHM("md_gost12_256:GOST R 34.11-2012 with 256 bit hash:1.2.643.7.1.1.2.2",
@@ -52,11 +53,10 @@ const OSSL_ALGORITHM kDigest[] = {
     {nullptr, nullptr, nullptr, nullptr}};
 #define ZORVO_DECODER(names) \
     { names, "provider=zorvo,input=der,structure=SubjectPublicKeyInfo", gost_spki_decoder_functions, nullptr }
-const OSSL_ALGORITHM kDecoder[] = {
-    ZORVO_DECODER("gost2001:GOST R 34.10-2001:1.2.643.2.2.19"),
-    ZORVO_DECODER("gost2012_256:GOST R 34.10-2012 with 256 bit modulus:1.2.643.7.1.1.1.1"),
-    ZORVO_DECODER("gost2012_512:GOST R 34.10-2012 with 512 bit modulus:1.2.643.7.1.1.1.2"),
-    {nullptr, nullptr, nullptr, nullptr}};
+const OSSL_ALGORITHM kDecoder[] = {ZORVO_DECODER(kGost2001),
+                                   ZORVO_DECODER(kGost2012_256),
+                                   ZORVO_DECODER(kGost2012_512),
+                                   {nullptr, nullptr, nullptr, nullptr}};
 
 const OSSL_ALGORITHM* query_operation(void*, int operation, int* no_cache) {
     *no_cache = 0;
@@ -139,13 +139,6 @@ md_ptr fetch_md(const ASN1_OBJECT* algorithm) {
     return fetch_md(name);
 }
 
-int key_nid(const EVP_PKEY* key) {
-    const int id = EVP_PKEY_get_id(key);
-    if (id > 0) return id;
-    const char* name = EVP_PKEY_get0_type_name(key);
-    return name != nullptr ? OBJ_txt2nid(name) : NID_undef;
-}
-
 size_t gost_signature_size(int nid) {
     switch (nid) {
         case NID_id_GostR3410_2001:
@@ -220,13 +213,11 @@ EVP_PKEY* token_gost_key(CK_OBJECT_HANDLE key, X509_PUBKEY* pub) {
     if (!gost_registered) return nullptr;
     ASN1_OBJECT* algorithm = nullptr;
     X509_PUBKEY_get0_param(&algorithm, nullptr, nullptr, nullptr, pub);
-    unsigned char* der = nullptr;
-    const int length = i2d_X509_PUBKEY(pub, &der);
-    std::unique_ptr<unsigned char, void (*)(void*)> owned(der, OPENSSL_freeFunc);
-    if (length <= 0 || gost_signature_size(OBJ_obj2nid(algorithm)) == 0) return nullptr;
+    der_buffer der = der_of(static_cast<const X509_PUBKEY*>(pub), i2d_X509_PUBKEY);
+    if (der.empty() || gost_signature_size(OBJ_obj2nid(algorithm)) == 0) return nullptr;
     const token_ref ref{key, {}, {}};
     const token_ref* refPointer = &ref;
-    OSSL_PARAM params[] = {OSSL_PARAM_construct_octet_string(kParamSpki, der, static_cast<size_t>(length)),
+    OSSL_PARAM params[] = {OSSL_PARAM_construct_octet_string(kParamSpki, der.data(), der.size()),
                            OSSL_PARAM_construct_octet_string(kParamToken, &refPointer, sizeof refPointer),
                            OSSL_PARAM_construct_end()};
     return token_key(OBJ_nid2sn(OBJ_obj2nid(algorithm)), params);

@@ -54,8 +54,6 @@ std::unique_ptr<prov_key> gost_key_from_spki(const unsigned char* der, size_t le
 size_t gost_signature_size(int nid);
 /// The GOST R 34.11 digest a GOST R 34.10 key signs with (its NID), NID_undef for another key.
 int gost_digest_nid(int keyNid);
-/// The key's algorithm as a NID, for provider keys too (whose EVP_PKEY_get_id says nothing).
-int key_nid(const EVP_PKEY* key);
 
 /// A digest by name or OID text, from the library context; null when nothing offers it.
 md_ptr fetch_md(const char* name);

@@ -22,79 +22,55 @@ using pkey_ctx_ptr = std::unique_ptr<EVP_PKEY_CTX, ossl::Deleter<EVP_PKEY_CTX, E
 constexpr unsigned char kSequence = 0x30, kSet = 0x31, kContext0 = 0xA0, kOctets = 0x04,
                         kConstructedOctets = 0x24;
 
-void put_header(der_bytes& out, unsigned char tag, size_t length) {
-    out.push_back(tag);
-    if (length < 0x80) {
-        out.push_back(static_cast<unsigned char>(length));
-        return;
-    }
-    unsigned char digits[sizeof length];
-    int count = 0;
-    for (size_t rest = length; rest != 0; rest >>= 8) digits[count++] = static_cast<unsigned char>(rest);
-    out.push_back(static_cast<unsigned char>(0x80 | count));
-    while (count > 0) out.push_back(digits[--count]);
-}
-
-der_bytes tlv(unsigned char tag, const der_bytes& content) {
-    der_bytes out;
-    put_header(out, tag, content.size());
-    out.insert(out.end(), content.begin(), content.end());
+der_buffer join(std::initializer_list<der_buffer> parts) {
+    der_buffer out;
+    for (const der_buffer& part : parts) out.insert(out.end(), part.begin(), part.end());
     return out;
 }
 
-der_bytes join(std::initializer_list<der_bytes> parts) {
-    der_bytes out;
-    for (const der_bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
-    return out;
-}
-
-template <typename T>
-der_bytes der_of(const T* object, int (*encode)(const T*, unsigned char**)) {
-    unsigned char* raw = nullptr;
-    const int length = encode(object, &raw);
-    std::unique_ptr<unsigned char, void (*)(void*)> owned(raw, OPENSSL_freeFunc);
-    return length > 0 ? der_bytes(raw, raw + length) : der_bytes();
-}
-
-der_bytes oid(int nid) { return der_of(OBJ_nid2obj(nid), i2d_ASN1_OBJECT); }
+der_buffer oid(int nid) { return der_of(OBJ_nid2obj(nid), i2d_ASN1_OBJECT); }
 
 // AlgorithmIdentifier with NULL parameters, or none.
-der_bytes algorithm(int nid, bool nullParameter) {
+der_buffer algorithm(int nid, bool nullParameter) {
     return tlv(kSequence, nullParameter ? join({oid(nid), {0x05, 0x00}}) : oid(nid));
 }
 
-der_bytes attribute(int nid, const der_bytes& value) {
+der_buffer attribute(int nid, const der_buffer& value) {
     return tlv(kSequence, join({oid(nid), tlv(kSet, value)}));
 }
 
 // What OpenSSL announces by default, the GOST R 34.11 digests included.
-der_bytes capabilities() {
-    const struct {
-        int nid;
-        int bits;
-    } rows[] = {{NID_aes_256_cbc, -1},
-                {NID_id_GostR3411_2012_256, -1},
-                {NID_id_GostR3411_2012_512, -1},
-                {NID_id_GostR3411_94, -1},
-                {NID_aes_192_cbc, -1},
-                {NID_aes_128_cbc, -1},
-                {NID_des_ede3_cbc, -1},
-                {NID_rc2_cbc, 128},
-                {NID_rc2_cbc, 64},
-                {NID_des_cbc, -1},
-                {NID_rc2_cbc, 40}};
-    STACK_OF(X509_ALGOR)* list = nullptr;
-    for (const auto& row : rows) CMS_add_simple_smimecap(&list, row.nid, row.bits);
-    der_bytes out = der_of(list, i2d_X509_ALGORS);
-    sk_X509_ALGOR_pop_free(list, X509_ALGOR_free);
-    return out;
+// The attribute's value, encoded once.
+const der_buffer& capabilities() {
+    static const der_buffer value = [] {
+        const struct {
+            int nid;
+            int bits;
+        } rows[] = {{NID_aes_256_cbc, -1},
+                    {NID_id_GostR3411_2012_256, -1},
+                    {NID_id_GostR3411_2012_512, -1},
+                    {NID_id_GostR3411_94, -1},
+                    {NID_aes_192_cbc, -1},
+                    {NID_aes_128_cbc, -1},
+                    {NID_des_ede3_cbc, -1},
+                    {NID_rc2_cbc, 128},
+                    {NID_rc2_cbc, 64},
+                    {NID_des_cbc, -1},
+                    {NID_rc2_cbc, 40}};
+        STACK_OF(X509_ALGOR)* list = nullptr;
+        for (const auto& row : rows) CMS_add_simple_smimecap(&list, row.nid, row.bits);
+        der_buffer out = der_of(list, i2d_X509_ALGORS);
+        sk_X509_ALGOR_pop_free(list, X509_ALGOR_free);
+        return out;
+    }();
+    return value;
 }
 
 // DER orders a SET OF by the encodings of its members.
-der_bytes set_of(std::vector<der_bytes> members) {
+der_buffer set_of(std::vector<der_buffer> members) {
     std::sort(members.begin(), members.end());
-    der_bytes content;
-    for (const der_bytes& m : members) content.insert(content.end(), m.begin(), m.end());
+    der_buffer content;
+    for (const der_buffer& m : members) content.insert(content.end(), m.begin(), m.end());
     return tlv(kSet, content);
 }
 
@@ -103,17 +79,19 @@ der_bytes set_of(std::vector<der_bytes> members) {
 signed_data::signed_data(EVP_PKEY* key, X509* cert, bool attached)
     : key_(key), cert_(cert), attached_(attached), hashing_(EVP_MD_CTX_new()) {
     const int keyNid = key_nid(key);
-    digestNid_ = gost_digest_nid(keyNid) != NID_undef ? gost_digest_nid(keyNid) : NID_sha256;
-    md_ = fetch_md(OBJ_nid2sn(digestNid_));
+    const int digestNid = gost_digest_nid(keyNid) != NID_undef ? gost_digest_nid(keyNid) : NID_sha256;
+    md_ = fetch_md(OBJ_nid2sn(digestNid));
     if (!md_ || !hashing_ || EVP_DigestInit_ex(hashing_.get(), md_.get(), nullptr) != 1) {
         ERR_raise(ERR_LIB_CMS, CMS_R_UNKNOWN_DIGEST_ALGORITHM);
         fail_openssl("error while signer adding", P11_SITE);
     }
+    // Parameters NULL unless the digest says they are absent, as OpenSSL writes them.
+    digestAlgorithm_ = algorithm(digestNid, !(EVP_MD_get_flags(md_.get()) & EVP_MD_FLAG_DIGALGID_ABSENT));
 }
 
-void signed_data::add_attribute(int nid, der_bytes value) { attributes_.push_back(attribute(nid, value)); }
+void signed_data::add_attribute(int nid, der_buffer value) { attributes_.push_back(attribute(nid, value)); }
 
-bool signed_data::send(const der_bytes& bytes) {
+bool signed_data::send(const der_buffer& bytes) {
     return BIO_write(out_, bytes.data(), static_cast<int>(bytes.size())) == static_cast<int>(bytes.size());
 }
 
@@ -125,17 +103,16 @@ bool signed_data::update(const void* data, size_t length) {
         content_.append(static_cast<const char*>(data), length);
         return true;
     }
-    der_bytes head;
+    der_buffer head;
     if (!started_) {
         // The content is the only part of unknown length: everything around it is open-ended.
         head = {kSequence, 0x80};
-        const der_bytes start = join(
-            {oid(NID_pkcs7_signed),
-             {kContext0, 0x80, kSequence, 0x80, 0x02, 0x01, 0x01},
-             tlv(kSet, algorithm(digestNid_, !(EVP_MD_get_flags(md_.get()) & EVP_MD_FLAG_DIGALGID_ABSENT))),
-             {kSequence, 0x80},
-             oid(NID_pkcs7_data),
-             {kContext0, 0x80, kConstructedOctets, 0x80}});
+        const der_buffer start = join({oid(NID_pkcs7_signed),
+                                       {kContext0, 0x80, kSequence, 0x80, 0x02, 0x01, 0x01},
+                                       tlv(kSet, digestAlgorithm_),
+                                       {kSequence, 0x80},
+                                       oid(NID_pkcs7_data),
+                                       {kContext0, 0x80, kConstructedOctets, 0x80}});
         head.insert(head.end(), start.begin(), start.end());
         started_ = true;
     }
@@ -149,11 +126,11 @@ bool signed_data::finish(std::string& der) {
     if (EVP_DigestFinal_ex(hashing_.get(), digest, &digestLength) != 1) return false;
 
     std::unique_ptr<ASN1_TIME, ossl::Deleter<ASN1_TIME, ASN1_TIME_free>> now(X509_gmtime_adj(nullptr, 0));
-    std::vector<der_bytes> attributes = attributes_;
+    std::vector<der_buffer> attributes = attributes_;
     attributes.push_back(attribute(NID_pkcs9_contentType, oid(NID_pkcs7_data)));
     attributes.push_back(attribute(NID_pkcs9_signingTime, der_of(now.get(), i2d_ASN1_TIME)));
     attributes.push_back(
-        attribute(NID_pkcs9_messageDigest, tlv(kOctets, der_bytes(digest, digest + digestLength))));
+        attribute(NID_pkcs9_messageDigest, tlv(kOctets, der_buffer(digest, digest + digestLength))));
     attributes.push_back(attribute(NID_SMIMECapabilities, capabilities()));
     signedAttributes_ = set_of(attributes);
 
@@ -170,36 +147,34 @@ bool signed_data::finish(std::string& der) {
     signature_.resize(length);
 
     // The signed attributes are the SET signed, under an implicit [0] in the SignerInfo.
-    der_bytes implicitAttributes = signedAttributes_;
+    der_buffer implicitAttributes = signedAttributes_;
     implicitAttributes[0] = kContext0;
-    const bool digestNull = !(EVP_MD_get_flags(md_.get()) & EVP_MD_FLAG_DIGALGID_ABSENT);
     ASN1_OBJECT* keyAlgorithm = nullptr;
     X509_PUBKEY_get0_param(&keyAlgorithm, nullptr, nullptr, nullptr, X509_get_X509_PUBKEY(cert_));
-    const der_bytes signerInfo =
+    const der_buffer signerInfo =
         tlv(kSequence, join({{0x02, 0x01, 0x01},
                              tlv(kSequence, join({der_of(X509_get_issuer_name(cert_), i2d_X509_NAME),
                                                   der_of(X509_get0_serialNumber(cert_), i2d_ASN1_INTEGER)})),
-                             algorithm(digestNid_, digestNull),
+                             digestAlgorithm_,
                              implicitAttributes,
                              algorithm(OBJ_obj2nid(keyAlgorithm), true),
                              tlv(kOctets, signature_)}));
-    const der_bytes tail =
+    const der_buffer tail =
         join({tlv(kContext0, der_of(static_cast<const X509*>(cert_), i2d_X509)), tlv(kSet, signerInfo)});
 
     if (started_) {
         der.clear();
         return send(join({{0, 0, 0, 0, 0, 0}, tail, {0, 0, 0, 0, 0, 0}}));
     }
-    der_bytes encapsulated = oid(NID_pkcs7_data);
+    der_buffer encapsulated = oid(NID_pkcs7_data);
     if (attached_) {
-        const der_bytes octets = tlv(kOctets, der_bytes(content_.begin(), content_.end()));
+        const der_buffer octets = tlv(kOctets, der_buffer(content_.begin(), content_.end()));
         encapsulated = join({encapsulated, tlv(kContext0, octets)});
     }
-    const der_bytes signedData = tlv(kSequence, join({{0x02, 0x01, 0x01},
-                                                      tlv(kSet, algorithm(digestNid_, digestNull)),
-                                                      tlv(kSequence, encapsulated),
-                                                      tail}));
-    const der_bytes whole = tlv(kSequence, join({oid(NID_pkcs7_signed), tlv(kContext0, signedData)}));
+    const der_buffer signedData =
+        tlv(kSequence,
+            join({{0x02, 0x01, 0x01}, tlv(kSet, digestAlgorithm_), tlv(kSequence, encapsulated), tail}));
+    const der_buffer whole = tlv(kSequence, join({oid(NID_pkcs7_signed), tlv(kContext0, signedData)}));
     der.assign(whole.begin(), whole.end());
     return true;
 }
@@ -268,7 +243,7 @@ signed_data* signed_data_of(BIO* bio) {
 
 bool attributes_verify(CMS_SignerInfo* si, EVP_PKEY* key) {
     // The signed attributes as they were signed: the DER SET OF them.
-    std::vector<der_bytes> attributes;
+    std::vector<der_buffer> attributes;
     for (int i = 0; i < CMS_signed_get_attr_count(si); ++i)
         attributes.push_back(
             der_of(static_cast<const X509_ATTRIBUTE*>(CMS_signed_get_attr(si, i)), i2d_X509_ATTRIBUTE));
@@ -278,7 +253,7 @@ bool attributes_verify(CMS_SignerInfo* si, EVP_PKEY* key) {
     X509_ALGOR_get0(&digestOid, nullptr, nullptr, digestAlgorithm);
     const md_ptr md = fetch_md(digestOid);
     const ASN1_OCTET_STRING* signature = CMS_SignerInfo_get0_signature(si);
-    const der_bytes signed_ = set_of(attributes);
+    const der_buffer signed_ = set_of(attributes);
     md_ctx_ptr checking(EVP_MD_CTX_new());
     const bool ok = key != nullptr && md && checking && !attributes.empty() &&
                     EVP_DigestVerifyInit_ex(checking.get(), nullptr, EVP_MD_get0_name(md.get()),
@@ -364,6 +339,12 @@ int verify_signed_data(CMS_ContentInfo* cms, STACK_OF(X509) * certs, X509_STORE*
         return 0;
     }
     CMS_set1_signers_certs(cms, certs, flags);
+    // Certificates that may complete a chain: the message's, and the caller's.
+    std::unique_ptr<STACK_OF(X509), void (*)(STACK_OF(X509)*)> untrusted(
+        CMS_get1_certs(cms), [](STACK_OF(X509) * s) { sk_X509_pop_free(s, X509_free); });
+    if (!untrusted) untrusted.reset(sk_X509_new_null());
+    for (int c = 0; c < sk_X509_num(certs); ++c)
+        if (X509_up_ref(sk_X509_value(certs, c)) == 1) sk_X509_push(untrusted.get(), sk_X509_value(certs, c));
     std::vector<signer_check> checks;
     for (int i = 0; i < count; ++i) {
         CMS_SignerInfo* si = sk_CMS_SignerInfo_value(infos, i);
@@ -383,15 +364,8 @@ int verify_signed_data(CMS_ContentInfo* cms, STACK_OF(X509) * certs, X509_STORE*
             ERR_raise(ERR_LIB_CMS, CMS_R_UNKNOWN_DIGEST_ALGORITHM);
             return 0;
         }
-        if ((flags & CMS_NO_SIGNER_CERT_VERIFY) == 0) {
-            std::unique_ptr<STACK_OF(X509), void (*)(STACK_OF(X509)*)> untrusted(
-                CMS_get1_certs(cms), [](STACK_OF(X509) * s) { sk_X509_pop_free(s, X509_free); });
-            if (!untrusted) untrusted.reset(sk_X509_new_null());
-            for (int c = 0; c < sk_X509_num(certs); ++c)
-                if (X509_up_ref(sk_X509_value(certs, c)) == 1)
-                    sk_X509_push(untrusted.get(), sk_X509_value(certs, c));
-            if (!chain_verifies(signer, store, untrusted.get())) return 0;
-        }
+        if ((flags & CMS_NO_SIGNER_CERT_VERIFY) == 0 && !chain_verifies(signer, store, untrusted.get()))
+            return 0;
         if ((flags & CMS_NO_ATTR_VERIFY) == 0 && CMS_signed_get_attr_count(si) >= 0 &&
             !attributes_verify(si, X509_get0_pubkey(signer)))
             return 0;

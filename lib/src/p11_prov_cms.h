@@ -15,8 +15,6 @@
 
 namespace p11 {
 
-using der_bytes = std::vector<unsigned char>;
-
 /// One message signed with one token key: contentType, signingTime, messageDigest and
 /// smimeCapabilities as signed attributes, plus any added; the certificate in the message.
 class signed_data {
@@ -27,7 +25,7 @@ public:
     signed_data& operator=(const signed_data&) = delete;
 
     /// Another signed attribute: its type and the DER of its one value.
-    void add_attribute(int nid, der_bytes value);
+    void add_attribute(int nid, der_buffer value);
     /// Attached, the DER goes to `out` while the data comes in; the first data starts it.
     void stream_to(BIO* out) { out_ = out; }
     /// Digests `length` bytes, and keeps or sends them (attached). False when `out` refused them.
@@ -42,15 +40,15 @@ private:
     EVP_PKEY* key_;
     X509* cert_;
     bool attached_;
-    int digestNid_;
+    der_buffer digestAlgorithm_;  // its AlgorithmIdentifier
     md_ptr md_;
     md_ctx_ptr hashing_;
     std::string content_;  // attached and not streamed
     BIO* out_ = nullptr;
     bool started_ = false;
-    std::vector<der_bytes> attributes_;
-    der_bytes signedAttributes_, signature_;
-    bool send(const der_bytes& bytes);
+    std::vector<der_buffer> attributes_;
+    der_buffer signedAttributes_, signature_;
+    bool send(const der_buffer& bytes);
 };
 
 /// A BIO that feeds what is written to it to `message` (and owns it), sending the DER on to `out`

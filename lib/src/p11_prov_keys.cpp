@@ -10,7 +10,6 @@
 #include <openssl/param_build.h>
 #include <openssl/params.h>
 
-#include "p11.h"
 #include "p11_prov.h"
 
 namespace p11 {
@@ -185,11 +184,9 @@ const OSSL_PARAM* gost_import_types(int) {
 int gost_export(void* keydata, int selection, OSSL_CALLBACK* callback, void* arg) {
     const prov_key* k = key_of(keydata);
     if (k == nullptr || !k->spki || (selection & kPrivate) != 0) return 0;
-    unsigned char* der = nullptr;
-    const int length = i2d_X509_PUBKEY(k->spki.get(), &der);
-    std::unique_ptr<unsigned char, void (*)(void*)> owned(der, OPENSSL_freeFunc);
-    if (length <= 0) return 0;
-    OSSL_PARAM params[] = {OSSL_PARAM_construct_octet_string(kParamSpki, der, static_cast<size_t>(length)),
+    der_buffer der = der_of(static_cast<const X509_PUBKEY*>(k->spki.get()), i2d_X509_PUBKEY);
+    if (der.empty()) return 0;
+    OSSL_PARAM params[] = {OSSL_PARAM_construct_octet_string(kParamSpki, der.data(), der.size()),
                            OSSL_PARAM_construct_end()};
     return callback(params, arg);
 }
@@ -265,34 +262,23 @@ int decoder_decode(void*, OSSL_CORE_BIO* in, int selection, OSSL_CALLBACK* callb
 
 }  // namespace
 
-const OSSL_DISPATCH rsa_keymgmt_functions[] = {
-    {OSSL_FUNC_KEYMGMT_NEW, dispatch_fn(key_new)},
-    {OSSL_FUNC_KEYMGMT_FREE, dispatch_fn(key_free)},
-    {OSSL_FUNC_KEYMGMT_DUP, dispatch_fn(key_dup)},
-    {OSSL_FUNC_KEYMGMT_HAS, dispatch_fn(key_has)},
-    {OSSL_FUNC_KEYMGMT_MATCH, dispatch_fn(rsa_match)},
-    {OSSL_FUNC_KEYMGMT_IMPORT, dispatch_fn(rsa_import)},
-    {OSSL_FUNC_KEYMGMT_IMPORT_TYPES, dispatch_fn(rsa_import_types)},
-    {OSSL_FUNC_KEYMGMT_EXPORT, dispatch_fn(rsa_export)},
-    {OSSL_FUNC_KEYMGMT_EXPORT_TYPES, dispatch_fn(rsa_export_types)},
-    {OSSL_FUNC_KEYMGMT_GET_PARAMS, dispatch_fn(rsa_get_params)},
-    {OSSL_FUNC_KEYMGMT_GETTABLE_PARAMS, dispatch_fn(key_gettable_params)},
-    {0, nullptr}};
+// The two key managements differ in what the key is made of, not in how it lives and dies.
+#define ZORVO_KEYMGMT(kind)                                                                           \
+    {OSSL_FUNC_KEYMGMT_NEW, dispatch_fn(key_new)}, {OSSL_FUNC_KEYMGMT_FREE, dispatch_fn(key_free)},   \
+        {OSSL_FUNC_KEYMGMT_DUP, dispatch_fn(key_dup)}, {OSSL_FUNC_KEYMGMT_HAS, dispatch_fn(key_has)}, \
+        {OSSL_FUNC_KEYMGMT_GETTABLE_PARAMS, dispatch_fn(key_gettable_params)},                        \
+        {OSSL_FUNC_KEYMGMT_MATCH, dispatch_fn(kind##_match)},                                         \
+        {OSSL_FUNC_KEYMGMT_IMPORT, dispatch_fn(kind##_import)},                                       \
+        {OSSL_FUNC_KEYMGMT_IMPORT_TYPES, dispatch_fn(kind##_import_types)},                           \
+        {OSSL_FUNC_KEYMGMT_EXPORT, dispatch_fn(kind##_export)},                                       \
+        {OSSL_FUNC_KEYMGMT_EXPORT_TYPES, dispatch_fn(kind##_export_types)}, {                         \
+        OSSL_FUNC_KEYMGMT_GET_PARAMS, dispatch_fn(kind##_get_params)                                  \
+    }
 
+const OSSL_DISPATCH rsa_keymgmt_functions[] = {ZORVO_KEYMGMT(rsa), {0, nullptr}};
+// A GOST key is also what the decoder hands over, loaded by reference.
 const OSSL_DISPATCH gost_keymgmt_functions[] = {
-    {OSSL_FUNC_KEYMGMT_NEW, dispatch_fn(key_new)},
-    {OSSL_FUNC_KEYMGMT_FREE, dispatch_fn(key_free)},
-    {OSSL_FUNC_KEYMGMT_DUP, dispatch_fn(key_dup)},
-    {OSSL_FUNC_KEYMGMT_LOAD, dispatch_fn(gost_load)},
-    {OSSL_FUNC_KEYMGMT_HAS, dispatch_fn(key_has)},
-    {OSSL_FUNC_KEYMGMT_MATCH, dispatch_fn(gost_match)},
-    {OSSL_FUNC_KEYMGMT_IMPORT, dispatch_fn(gost_import)},
-    {OSSL_FUNC_KEYMGMT_IMPORT_TYPES, dispatch_fn(gost_import_types)},
-    {OSSL_FUNC_KEYMGMT_EXPORT, dispatch_fn(gost_export)},
-    {OSSL_FUNC_KEYMGMT_EXPORT_TYPES, dispatch_fn(gost_export_types)},
-    {OSSL_FUNC_KEYMGMT_GET_PARAMS, dispatch_fn(gost_get_params)},
-    {OSSL_FUNC_KEYMGMT_GETTABLE_PARAMS, dispatch_fn(key_gettable_params)},
-    {0, nullptr}};
+    ZORVO_KEYMGMT(gost), {OSSL_FUNC_KEYMGMT_LOAD, dispatch_fn(gost_load)}, {0, nullptr}};
 
 const OSSL_DISPATCH gost_spki_decoder_functions[] = {
     {OSSL_FUNC_DECODER_NEWCTX, dispatch_fn(decoder_new)},

@@ -112,13 +112,11 @@ int sig_get_params(void* c, OSSL_PARAM params[]) {
                                    : OBJ_txt2nid(EVP_MD_get0_name(ctx->md.get())),
                                ctx->key->nid) == 1) {
         std::unique_ptr<X509_ALGOR, ossl::Deleter<X509_ALGOR, X509_ALGOR_free>> algorithm(X509_ALGOR_new());
-        unsigned char* der = nullptr;
         if (!algorithm || X509_ALGOR_set0(algorithm.get(), OBJ_nid2obj(signatureNid),
                                           is_gost(ctx) ? V_ASN1_UNDEF : V_ASN1_NULL, nullptr) != 1)
             return 0;
-        const int length = i2d_X509_ALGOR(algorithm.get(), &der);
-        std::unique_ptr<unsigned char, void (*)(void*)> owned(der, OPENSSL_freeFunc);
-        if (length <= 0 || OSSL_PARAM_set_octet_string(p, der, static_cast<size_t>(length)) != 1) return 0;
+        const der_buffer der = der_of(static_cast<const X509_ALGOR*>(algorithm.get()), i2d_X509_ALGOR);
+        if (der.empty() || OSSL_PARAM_set_octet_string(p, der.data(), der.size()) != 1) return 0;
     }
     return 1;
 }
@@ -140,26 +138,6 @@ int sig_init(void* c, void* key, const OSSL_PARAM params[]) {
 
 size_t signature_size(const sig_ctx* c) {
     return is_gost(c) ? gost_signature_size(c->key->nid) : static_cast<size_t>(BN_num_bytes(c->key->n.get()));
-}
-
-// DigestInfo ::= SEQUENCE { AlgorithmIdentifier (OID, NULL), OCTET STRING digest }.
-std::vector<unsigned char> digest_info(const EVP_MD* md, const unsigned char* digest, size_t length) {
-    std::unique_ptr<X509_ALGOR, ossl::Deleter<X509_ALGOR, X509_ALGOR_free>> algorithm(X509_ALGOR_new());
-    const ASN1_OBJECT* oid = OBJ_nid2obj(EVP_MD_get_type(md));
-    if (!algorithm || oid == nullptr || OBJ_length(oid) == 0 || length > 64 ||
-        static_cast<int>(length) != EVP_MD_get_size(md) ||
-        X509_ALGOR_set0(algorithm.get(), OBJ_dup(oid), V_ASN1_NULL, nullptr) != 1)
-        return {};
-    const int algorithmLength = i2d_X509_ALGOR(algorithm.get(), nullptr);
-    const int content = algorithmLength + 2 + static_cast<int>(length);
-    std::vector<unsigned char> der(static_cast<size_t>(ASN1_object_size(1, content, V_ASN1_SEQUENCE)));
-    unsigned char* p = der.data();
-    ASN1_put_object(&p, 1, content, V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL);
-    i2d_X509_ALGOR(algorithm.get(), &p);
-    *p++ = V_ASN1_OCTET_STRING;
-    *p++ = static_cast<unsigned char>(length);
-    std::memcpy(p, digest, length);
-    return der;
 }
 
 // The token signs: the key's own slot and session for RSA, the claimed ones for GOST.
@@ -192,8 +170,10 @@ int sig_sign(void* c, unsigned char* sig, size_t* siglen, size_t sigsize, const 
             return p11_pkey_sign(slot, session, ctx->key->handle, ctx->key->nid, sig, siglen, tbs, tbslen);
         }
         if (sigsize < size) return 0;
-        const std::vector<unsigned char> info =
-            ctx->md ? digest_info(ctx->md.get(), tbs, tbslen) : std::vector<unsigned char>(tbs, tbs + tbslen);
+        const der_buffer info = !ctx->md ? der_buffer(tbs, tbs + tbslen)
+                                : static_cast<int>(tbslen) == EVP_MD_get_size(ctx->md.get())
+                                    ? digest_info(EVP_MD_get_type(ctx->md.get()), tbs, tbslen)
+                                    : der_buffer();
         if (info.empty() || info.size() + 11 > size) return 0;
         return p11_pkey_sign(ctx->key->slot, ctx->key->session, ctx->key->handle, NID_rsa, sig, siglen,
                              info.data(), info.size());

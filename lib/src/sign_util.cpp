@@ -48,13 +48,43 @@ md_ptr digest_by_nid(int nid) {
 #endif
 }
 
-der_buffer sequence_of(const der_buffer& content) {
-    const int length = static_cast<int>(content.size());
-    der_buffer out(static_cast<size_t>(ASN1_object_size(1, length, V_ASN1_SEQUENCE)));
-    unsigned char* p = out.data();
-    ASN1_put_object(&p, 1, length, V_ASN1_SEQUENCE, V_ASN1_UNIVERSAL);
-    std::copy(content.begin(), content.end(), p);
+void put_header(der_buffer& out, unsigned char tag, size_t length) {
+    out.push_back(tag);
+    if (length < 0x80) {
+        out.push_back(static_cast<unsigned char>(length));
+        return;
+    }
+    unsigned char digits[sizeof length];
+    int count = 0;
+    for (size_t rest = length; rest != 0; rest >>= 8) digits[count++] = static_cast<unsigned char>(rest);
+    out.push_back(static_cast<unsigned char>(0x80 | count));
+    while (count > 0) out.push_back(digits[--count]);
+}
+
+der_buffer tlv(unsigned char tag, const der_buffer& content) {
+    der_buffer out;
+    put_header(out, tag, content.size());
+    out.insert(out.end(), content.begin(), content.end());
     return out;
+}
+
+der_buffer digest_info(int digestNid, const unsigned char* digest, size_t length) {
+    std::unique_ptr<X509_ALGOR, ossl::Deleter<X509_ALGOR, X509_ALGOR_free>> algorithm(X509_ALGOR_new());
+    const ASN1_OBJECT* oid = OBJ_nid2obj(digestNid);
+    if (!algorithm || oid == nullptr || OBJ_length(oid) == 0 || length > 64 ||
+        X509_ALGOR_set0(algorithm.get(), OBJ_dup(oid), V_ASN1_NULL, nullptr) != 1)
+        return {};
+    der_buffer content = der_of(algorithm.get(), i2d_X509_ALGOR);
+    put_header(content, V_ASN1_OCTET_STRING, length);
+    content.insert(content.end(), digest, digest + length);
+    return sequence_of(content);
+}
+
+int key_nid(const EVP_PKEY* key) {
+    const int id = EVP_PKEY_get_id(key);
+    if (id > 0) return id;
+    const char* name = EVP_PKEY_get0_type_name(key);
+    return name != nullptr ? OBJ_txt2nid(name) : NID_undef;
 }
 
 der_buffer issuer_serial(X509* cert) {
@@ -108,12 +138,9 @@ std::string write_pem(CMS_ContentInfo* cms) {
 signer_certificate::signer_certificate(X509* cert) : cert_(cert) {
     if (X509_get0_pubkey(cert) != nullptr) return;
     ERR_clear_error();  // the failed decode's errors are not this signature's
-    unsigned char* encoded = nullptr;
-    const int len = i2d_X509(cert, &encoded);
-    std::unique_ptr<unsigned char, void (*)(void*)> der(encoded, OPENSSL_freeFunc);
-    if (len <= 0) return;
-    const unsigned char* p = der.get();
-    fresh_.reset(x509_from_der(p, len));
+    const der_buffer der = der_of(static_cast<const X509*>(cert), i2d_X509);
+    if (der.empty()) return;
+    fresh_.reset(x509_from_der(der.data(), static_cast<long>(der.size())));
     ERR_clear_error();
 }
 

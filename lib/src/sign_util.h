@@ -31,8 +31,12 @@ X509* x509_from_der(const unsigned char* der, long length);
 
 using der_buffer = std::vector<unsigned char>;
 
+/// Appends a DER tag byte and the definite length of `length` content bytes.
+void put_header(der_buffer& out, unsigned char tag, size_t length);
+/// `content` under one DER tag (0x30 a SEQUENCE, 0x31 a SET, 0xA0 [0] constructed...).
+der_buffer tlv(unsigned char tag, const der_buffer& content);
 /// A DER SEQUENCE around `content`.
-der_buffer sequence_of(const der_buffer& content);
+inline der_buffer sequence_of(const der_buffer& content) { return tlv(0x30, content); }
 /// Appends the DER of `object`.
 template <typename T>
 void append_der(der_buffer& out, const T* object, int (*encode)(const T*, unsigned char**)) {
@@ -43,6 +47,18 @@ void append_der(der_buffer& out, const T* object, int (*encode)(const T*, unsign
     unsigned char* p = out.data() + at;
     encode(object, &p);
 }
+/// The DER of `object`; empty when it has none.
+template <typename T>
+der_buffer der_of(const T* object, int (*encode)(const T*, unsigned char**)) {
+    der_buffer out;
+    append_der(out, object, encode);
+    return out;
+}
+/// DigestInfo { AlgorithmIdentifier (the digest's OID, NULL), OCTET STRING digest }, what a token
+/// signs with RSA PKCS#1 v1.5; empty for a digest without an OID or longer than 64 bytes.
+der_buffer digest_info(int digestNid, const unsigned char* digest, size_t length);
+/// The key's algorithm as a NID, for a provider's keys too (whose EVP_PKEY_get_id says nothing).
+int key_nid(const EVP_PKEY* key);
 /// The ESS IssuerSerial of a certificate: its issuer as the one directoryName, its serial number.
 der_buffer issuer_serial(X509* cert);
 /// The NID of the signing-certificate-v2 attribute (ESS_OBJ_SN), made known to OpenSSL if need be.
